@@ -31,7 +31,13 @@ function(zephlo_finish_library)
   file(WRITE ${PROJECT_BINARY_DIR}/zephlo_shared.cpp "// libzephlo.so is made of the folder targets.\n")
   add_library(zephlo SHARED ${PROJECT_BINARY_DIR}/zephlo_shared.cpp)
   set_target_properties(zephlo PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
-  target_link_libraries(zephlo PRIVATE "$<LINK_LIBRARY:WHOLE_ARCHIVE,${libs}>")
+  # Every folder's objects go into the shared object; linking the folder archives as
+  # well brings in their external libraries (their own members are never pulled in,
+  # since the objects already define every symbol).
+  foreach(lib IN LISTS libs)
+    target_sources(zephlo PRIVATE $<TARGET_OBJECTS:${lib}>)
+  endforeach()
+  target_link_libraries(zephlo PRIVATE ${libs})
   target_include_directories(zephlo INTERFACE $<INSTALL_INTERFACE:include>)
   add_library(zephlo::zephlo ALIAS zephlo)
 
