@@ -1,0 +1,194 @@
+#include "zephlo/capture/replay_kit_frame_source.hpp"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <optional>
+#include <thread>
+
+#include "zephlo/platform/screen.hpp"
+#include "zephlo/testing/log_capture.hpp"
+#include "zephlo/testing/main_queue_fixture.hpp"
+
+namespace zephlo {
+namespace {
+
+using platform::PixelBuffer;
+using platform::PixelFormat;
+using platform::SampleBuffer;
+
+// A grey picture of `shade` with a white square marker in the top-left corner
+// (one tenth of the width).
+std::shared_ptr<PixelBuffer> picture(int width, int height, std::uint8_t shade = 0, bool marker = true) {
+  auto buffer = PixelBuffer::create(PixelFormat::BGRA, width, height);
+  const int side = width / 10;
+  for (int y = 0; y < height; ++y) {
+    std::uint8_t* row = buffer->mutablePlane(0) + y * buffer->stride(0);
+    for (int x = 0; x < width; ++x) {
+      const std::uint8_t v = marker && x < side && y < side ? 255 : shade;
+      row[4 * x] = row[4 * x + 1] = row[4 * x + 2] = v;
+      row[4 * x + 3] = 255;
+    }
+  }
+  return buffer;
+}
+
+class ReplayKitFrameSourceTest : public testing::MainQueueTest {
+ protected:
+  void SetUp() override {
+    MainQueueTest::SetUp();
+    saved_ = platform::Screen::main();
+    platform::Screen::setMain({390, 844, 3});
+  }
+  void TearDown() override {
+    platform::Screen::setMain(saved_);
+    MainQueueTest::TearDown();
+  }
+
+  void feed(std::shared_ptr<const PixelBuffer> buffer, std::optional<std::int64_t> orientation = std::nullopt) {
+    source.processSampleBuffer(SampleBuffer(std::move(buffer), orientation), platform::kSampleBufferTypeVideo);
+  }
+
+  ZPHReplayKitFrameSource source;
+
+ private:
+  platform::ScreenBounds saved_;
+};
+
+TEST_F(ReplayKitFrameSourceTest, NoSampleYieldsNothing) {
+  EXPECT_FALSE(source.isNewFrameAvailable());
+  EXPECT_EQ(source.newFrame(0.5), nullptr);
+  EXPECT_FALSE(source.isNewFrameAvailable());
+}
+
+TEST_F(ReplayKitFrameSourceTest, PhoneSampleRendersAtScreenPointsTimesScale) {
+  auto bgra = picture(1170, 2532);
+  for (const auto& buffer : {bgra, PixelBuffer::nv12From(*bgra)}) {
+    feed(buffer);
+    EXPECT_TRUE(source.isNewFrameAvailable());
+    auto frame = source.newFrame(0.5);  // 844 / 2532 * 0.5 of the pixel size
+    ASSERT_NE(frame, nullptr);
+    EXPECT_EQ(frame->width(), 195);
+    EXPECT_EQ(frame->height(), 422);
+    EXPECT_FALSE(source.isNewFrameAvailable());
+    // The sample is kept: asked again, it renders again.
+    auto again = source.newFrame(0.5);
+    ASSERT_NE(again, nullptr);
+    EXPECT_EQ(*again->bytes(), *frame->bytes());
+  }
+}
+
+TEST_F(ReplayKitFrameSourceTest, ScaleOneGivesTheScreenSizeInPoints) {
+  platform::Screen::setMain({100, 200, 3});
+  feed(picture(300, 600));
+  auto frame = source.newFrame(1.0);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(frame->width(), 100);
+  EXPECT_EQ(frame->height(), 200);
+}
+
+TEST_F(ReplayKitFrameSourceTest, SidewaysOrientationsAreSwapped) {
+  enum Corner { TopLeft, TopRight, BottomLeft };
+  const struct Case {
+    std::optional<std::int64_t> attachment;
+    bool turned;
+    Corner marker;
+  } cases[] = {
+      {std::nullopt, false, TopLeft},  // a missing attachment reads as 0
+      {0, false, TopLeft},
+      {1, false, TopLeft},
+      {3, false, TopLeft},  // upside down is left alone
+      {5, false, TopLeft},  // so are the mirrored codes
+      {6, true, BottomLeft},  // turned anticlockwise, as code 8 turns
+      {8, true, TopRight},    // turned clockwise, as code 6 turns
+  };
+  // 200x400 pixels rendered at 100x200 (the screen is 844 points high).
+  const double scale = 0.5 * 400 / 844;
+  auto buffer = picture(200, 400);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.attachment.value_or(-1));
+    feed(buffer, c.attachment);
+    auto frame = source.newFrame(scale);
+    ASSERT_NE(frame, nullptr);
+    ASSERT_EQ(frame->width(), c.turned ? 200 : 100);
+    ASSERT_EQ(frame->height(), c.turned ? 100 : 200);
+    const int right = frame->width() - 1, bottom = frame->height() - 1;
+    EXPECT_EQ(frame->at(0, 0, 0) > 200, c.marker == TopLeft);
+    EXPECT_EQ(frame->at(0, right, 0) > 200, c.marker == TopRight);
+    EXPECT_EQ(frame->at(0, 0, bottom) > 200, c.marker == BottomLeft);
+    EXPECT_LT(frame->at(0, right, bottom), 20);
+  }
+}
+
+TEST_F(ReplayKitFrameSourceTest, OnlyTheNewestSampleIsRendered) {
+  feed(picture(60, 120, 0, false));
+  feed(picture(60, 120, 200, false));
+  auto frame = source.newFrame(0.25);
+  ASSERT_NE(frame, nullptr);
+  EXPECT_EQ(frame->at(0, frame->width() / 2, frame->height() / 2), 200);
+}
+
+TEST_F(ReplayKitFrameSourceTest, FactorThatIsNotAPositiveSizeRendersNothing) {
+  const double scales[] = {0.0, -1.0, std::numeric_limits<double>::quiet_NaN(),
+                           std::numeric_limits<double>::infinity(), 1e-6};
+  auto buffer = picture(60, 120);
+  for (double scale : scales) {
+    SCOPED_TRACE(scale);
+    feed(buffer);
+    EXPECT_EQ(source.newFrame(scale), nullptr);
+    EXPECT_FALSE(source.isNewFrameAvailable());  // the sample was still taken
+  }
+  // A screen without height gives a factor of zero.
+  platform::Screen::setMain({0, 0, 3});
+  feed(buffer);
+  EXPECT_EQ(source.newFrame(1.0), nullptr);
+}
+
+TEST_F(ReplayKitFrameSourceTest, SamplesThatAreNotVideoPicturesChangeNothing) {
+  testing::LogCapture log;
+  source.processSampleBuffer(SampleBuffer(picture(60, 120)), platform::kSampleBufferTypeAudioApp);
+  EXPECT_EQ(log.lines(), std::vector<std::string>{"ignoring non-video sample"});
+  EXPECT_FALSE(source.isNewFrameAvailable());
+  EXPECT_EQ(source.newFrame(0.5), nullptr);
+
+  log.clear();
+  source.processSampleBuffer(SampleBuffer(), platform::kSampleBufferTypeVideo);  // no pixel buffer
+  EXPECT_TRUE(log.lines().empty());
+  EXPECT_FALSE(source.isNewFrameAvailable());
+  EXPECT_EQ(source.newFrame(0.5), nullptr);
+}
+
+TEST_F(ReplayKitFrameSourceTest, StopDropsTheSampleButNotTheFlag) {
+  feed(picture(60, 120));
+  source.capturingWillStart();
+  source.capturingWillStop();
+  EXPECT_TRUE(source.isNewFrameAvailable());
+  EXPECT_EQ(source.newFrame(0.5), nullptr);
+  feed(picture(60, 120));
+  EXPECT_NE(source.newFrame(0.5), nullptr);
+}
+
+TEST_F(ReplayKitFrameSourceTest, SamplesFromTheCaptureThreadHandOverWhileRendering) {
+  // The capture thread delivers shades 1..200 while the main queue renders; the
+  // last render after the thread ends shows the last sample.
+  std::vector<std::shared_ptr<PixelBuffer>> buffers;
+  for (int shade = 1; shade <= 200; ++shade) buffers.push_back(picture(40, 80, static_cast<std::uint8_t>(shade), false));
+  std::atomic<bool> done{false};
+  std::thread capture([&] {
+    for (const auto& buffer : buffers) feed(buffer);
+    done = true;
+  });
+  while (!done) {
+    if (auto frame = source.newFrame(0.25)) {
+      // Every frame shows one whole sample: one shade across the picture.
+      ASSERT_EQ(frame->at(0, 0, 0), frame->at(0, frame->width() - 1, frame->height() - 1));
+    }
+  }
+  capture.join();
+  auto last = source.newFrame(0.25);
+  ASSERT_NE(last, nullptr);
+  EXPECT_EQ(last->at(0, 5, 10), 200);
+}
+
+}  // namespace
+}  // namespace zephlo
