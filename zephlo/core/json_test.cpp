@@ -1,0 +1,147 @@
+#include "zephlo/core/json.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+
+namespace zephlo {
+namespace {
+
+std::string nested(std::size_t depth) {
+  return std::string(depth, '[') + std::string(depth, ']');
+}
+
+TEST(JsonTest, ParseRejectsWhatThePlatformRejects) {
+  struct Case {
+    const char* name;
+    std::string text;
+  };
+  const Case cases[] = {
+      {"empty", ""},
+      {"top-level string", "\"text\""},
+      {"top-level number", "12"},
+      {"top-level null", "null"},
+      {"number overflowing a double", "[1e999]"},
+      {"negative overflow", "{\"a\": -1e400}"},
+      {"nesting of 600", nested(600)},
+      {"trailing comma", "[1,]"},
+      {"comment", "[1] // note"},
+      {"extra data", "{} {}"},
+      {"invalid UTF-8", "[\"\xff\"]"},
+      {"unquoted key", "{a: 1}"},
+      {"NaN literal", "[NaN]"},
+      {"truncated", "{\"a\": [1, 2"},
+  };
+  for (const auto& c : cases) {
+    std::string error;
+    EXPECT_FALSE(json::parse(c.text, &error).has_value()) << c.name;
+    EXPECT_FALSE(error.empty()) << c.name;
+  }
+}
+
+TEST(JsonTest, ParseAcceptsDeepNestingUpTo512) {
+  EXPECT_TRUE(json::parse(nested(100)).has_value());
+  EXPECT_TRUE(json::parse(nested(512)).has_value());
+  EXPECT_FALSE(json::parse(nested(513)).has_value());
+}
+
+TEST(JsonTest, NumbersKeepTheirKind) {
+  const auto v = json::parse(
+      "[0, -1, 9223372036854775807, 9223372036854775808, 18446744073709551615,"
+      " 18446744073709551616, -9223372036854775809, 1.5, 1e2, 1e-400, 0.1]");
+  ASSERT_TRUE(v);
+  const auto& a = *v->asArray();
+  ASSERT_EQ(a.size(), 11u);
+  EXPECT_EQ(a[0], Value(std::int64_t{0}));
+  EXPECT_EQ(a[1], Value(std::int64_t{-1}));
+  EXPECT_EQ(a[2], Value(std::numeric_limits<std::int64_t>::max()));
+  EXPECT_EQ(a[3], Value(std::uint64_t{9223372036854775808ull}));
+  EXPECT_EQ(a[4], Value(std::numeric_limits<std::uint64_t>::max()));
+  EXPECT_EQ(a[5], Value(18446744073709551616.0));
+  EXPECT_EQ(a[6], Value(-9223372036854775809.0));
+  EXPECT_EQ(a[7], Value(1.5));
+  EXPECT_EQ(a[8], Value(100.0));
+  EXPECT_EQ(a[9], Value(0.0));  // underflow rounds to zero
+  // Correctly rounded: the double nearest to 0.1.
+  EXPECT_EQ(*a[10].asDouble(), 0.1);
+}
+
+TEST(JsonTest, ObjectsKeepOrderAndTheLastOfARepeatedKey) {
+  const auto v = json::parse(R"({"b": 1, "a": {"x": null, "y": [true, "s\u00e9\n"]}, "b": 2})");
+  ASSERT_TRUE(v);
+  const auto& m = *v->asMap();
+  ASSERT_EQ(m.size(), 2u);
+  EXPECT_EQ(*m.begin()->first.asString(), "b");
+  EXPECT_EQ(m.get("b"), Value(std::int64_t{2}));
+  const auto& inner = *m.get("a").asMap();
+  EXPECT_TRUE(inner.get("x").isNull());
+  EXPECT_TRUE(inner.contains("x"));
+  EXPECT_EQ(inner.get("y"), Value(ValueArray{true, "s\xc3\xa9\n"}));
+}
+
+TEST(JsonTest, SerializeRoundTrips) {
+  const Value v(ValueMap{
+      {"text", "quote \" slash / back \\ tab \t ctl \x01 \xe2\x82\xac"},
+      {"int", -42},
+      {"uint", std::uint64_t{18446744073709551615ull}},
+      {"double", 0.1},
+      {"float", 0.25f},
+      {"flag", false},
+      {"none", nullptr},
+      {"list", ValueArray{1, ValueMap{{"k", "v"}}, ValueArray{}}},
+  });
+  const auto text = json::serialize(v);
+  ASSERT_TRUE(text);
+  EXPECT_NE(text->find("/"), std::string::npos);
+  EXPECT_EQ(text->find("\\/"), std::string::npos);
+  EXPECT_NE(text->find("\\u0001"), std::string::npos);
+  const auto back = json::parse(*text);
+  ASSERT_TRUE(back);
+  // Floats come back as doubles; everything else as it went.
+  const Value expected(ValueMap{
+      {"text", "quote \" slash / back \\ tab \t ctl \x01 \xe2\x82\xac"},
+      {"int", -42},
+      {"uint", std::uint64_t{18446744073709551615ull}},
+      {"double", 0.1},
+      {"float", 0.25},
+      {"flag", false},
+      {"none", nullptr},
+      {"list", ValueArray{1, ValueMap{{"k", "v"}}, ValueArray{}}},
+  });
+  EXPECT_EQ(*back, expected) << *text;
+}
+
+TEST(JsonTest, SerializeRefusesWhatJsonCannotCarry) {
+  ValueMap nonTextKey;
+  nonTextKey.set(Value(1), Value("one"));
+  Value deep = ValueArray{};
+  for (int i = 0; i < 600; ++i) deep = ValueArray{deep};
+  struct Case {
+    const char* name;
+    Value value;
+  };
+  const Case cases[] = {
+      {"NaN", ValueArray{std::nan("")}},
+      {"infinity", ValueMap{{"x", std::numeric_limits<double>::infinity()}}},
+      {"float infinity", ValueArray{-std::numeric_limits<float>::infinity()}},
+      {"bytes", ValueMap{{"b", Bytes{1, 2, 3}}}},
+      {"non-text key", ValueArray{nonTextKey}},
+      {"simple value", ValueArray{SimpleValue{16}}},
+      {"CBOR item", ValueArray{CborItem(CborItem::Kind::Undefined, 0, Bytes{0xf7})}},
+      {"invalid UTF-8", ValueArray{"\xc0\xaf"}},
+      {"lone surrogate", ValueArray{"\xed\xa0\x80"}},
+      {"top-level text", Value("text")},
+      {"top-level null", Value()},
+      {"nesting of 601", deep},
+  };
+  for (const auto& c : cases) {
+    std::string error;
+    EXPECT_FALSE(json::serialize(c.value, &error).has_value()) << c.name;
+    EXPECT_FALSE(error.empty()) << c.name;
+  }
+}
+
+}  // namespace
+}  // namespace zephlo

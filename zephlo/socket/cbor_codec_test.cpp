@@ -1,0 +1,301 @@
+#include "zephlo/socket/cbor_codec.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace zephlo::cbor {
+namespace {
+
+Bytes hex(std::string_view h) {
+  Bytes out;
+  for (std::size_t i = 0; i + 1 < h.size(); i += 2)
+    out.push_back(static_cast<std::uint8_t>(std::stoi(std::string(h.substr(i, 2)), nullptr, 16)));
+  return out;
+}
+
+Value item(CborItem::Kind kind, std::uint64_t tag, std::string_view h) {
+  return Value(CborItem(kind, tag, hex(h)));
+}
+
+ValueArray oneTo(int n) {
+  ValueArray a;
+  for (int i = 1; i <= n; ++i) a.emplace_back(static_cast<std::uint64_t>(i));
+  return a;
+}
+
+constexpr float kInf = std::numeric_limits<float>::infinity();
+constexpr double kInfD = std::numeric_limits<double>::infinity();
+
+struct Vector {
+  const char* diagnostic;
+  const char* hex;
+  Value expected;
+  bool reencodes;  // the native value encodes back to the same bytes
+};
+
+// RFC 8949 Appendix A, as the receive path converts each item.
+const std::vector<Vector>& appendixA() {
+  using K = CborItem::Kind;
+  static const std::vector<Vector> vectors = {
+      {"0", "00", Value(0u), true},
+      {"1", "01", Value(1u), true},
+      {"10", "0a", Value(10u), true},
+      {"23", "17", Value(23u), true},
+      {"24", "1818", Value(24u), true},
+      {"25", "1819", Value(25u), true},
+      {"100", "1864", Value(100u), true},
+      {"1000", "1903e8", Value(1000u), true},
+      {"1000000", "1a000f4240", Value(1000000u), true},
+      {"1000000000000", "1b000000e8d4a51000", Value(1000000000000ull), true},
+      {"18446744073709551615", "1bffffffffffffffff", Value(18446744073709551615ull), true},
+      {"bignum 18446744073709551616", "c249010000000000000000",
+       item(K::Tag, 2, "c249010000000000000000"), true},
+      // Negative integers arrive as their raw payload n of -1-n.
+      {"-18446744073709551616", "3bffffffffffffffff", Value(18446744073709551615ull), false},
+      {"bignum -18446744073709551617", "c349010000000000000000",
+       item(K::Tag, 3, "c349010000000000000000"), true},
+      {"-1", "20", Value(0u), false},
+      {"-10", "29", Value(9u), false},
+      {"-100", "3863", Value(99u), false},
+      {"-1000", "3903e7", Value(999u), false},
+      // Half and single floats become 32-bit floats, doubles stay doubles.
+      {"0.0", "f90000", Value(0.0f), false},
+      {"-0.0", "f98000", Value(-0.0f), false},
+      {"1.0", "f93c00", Value(1.0f), false},
+      {"1.1", "fb3ff199999999999a", Value(1.1), true},
+      {"1.5", "f93e00", Value(1.5f), false},
+      {"65504.0", "f97bff", Value(65504.0f), false},
+      {"100000.0", "fa47c35000", Value(100000.0f), true},
+      {"3.4028234663852886e+38", "fa7f7fffff", Value(3.4028234663852886e+38f), true},
+      {"1.0e+300", "fb7e37e43c8800759c", Value(1.0e+300), true},
+      {"5.960464477539063e-8", "f90001", Value(5.960464477539063e-8f), false},
+      {"0.00006103515625", "f90400", Value(0.00006103515625f), false},
+      {"-4.0", "f9c400", Value(-4.0f), false},
+      {"-4.1", "fbc010666666666666", Value(-4.1), true},
+      {"Infinity (half)", "f97c00", Value(kInf), false},
+      {"-Infinity (half)", "f9fc00", Value(-kInf), false},
+      {"Infinity (single)", "fa7f800000", Value(kInf), true},
+      {"-Infinity (single)", "faff800000", Value(-kInf), true},
+      {"Infinity (double)", "fb7ff0000000000000", Value(kInfD), true},
+      {"-Infinity (double)", "fbfff0000000000000", Value(-kInfD), true},
+      {"false", "f4", Value(false), true},
+      {"true", "f5", Value(true), true},
+      {"null", "f6", item(K::Null, 0, "f6"), true},
+      {"undefined", "f7", item(K::Undefined, 0, "f7"), true},
+      {"simple(16)", "f0", Value(SimpleValue{16}), true},
+      {"simple(255)", "f8ff", Value(SimpleValue{255}), true},
+      {"0(\"2013-03-21T20:04:00Z\")", "c074323031332d30332d32315432303a30343a30305a",
+       item(K::Tag, 0, "c074323031332d30332d32315432303a30343a30305a"), true},
+      {"1(1363896240)", "c11a514b67b0", item(K::Tag, 1, "c11a514b67b0"), true},
+      {"1(1363896240.5)", "c1fb41d452d9ec200000", item(K::Tag, 1, "c1fb41d452d9ec200000"), true},
+      {"23(h'01020304')", "d74401020304", item(K::Tag, 23, "d74401020304"), true},
+      {"24(h'6449455446')", "d818456449455446", item(K::Tag, 24, "d818456449455446"), true},
+      {"32(\"http://www.example.com\")", "d82076687474703a2f2f7777772e6578616d706c652e636f6d",
+       item(K::Tag, 32, "d82076687474703a2f2f7777772e6578616d706c652e636f6d"), true},
+      {"h''", "40", Value(Bytes{}), true},
+      {"h'01020304'", "4401020304", Value(Bytes{1, 2, 3, 4}), true},
+      {"\"\"", "60", Value(""), true},
+      {"\"a\"", "6161", Value("a"), true},
+      {"\"IETF\"", "6449455446", Value("IETF"), true},
+      {"\"\\\"\\\\\"", "62225c", Value("\"\\"), true},
+      {"\"\\u00fc\"", "62c3bc", Value("\u00fc"), true},
+      {"\"\\u6c34\"", "63e6b0b4", Value("\u6c34"), true},
+      {"\"\\ud800\\udd51\"", "64f0908591", Value("\U00010151"), true},
+      {"[]", "80", Value(ValueArray{}), true},
+      {"[1, 2, 3]", "83010203", Value(oneTo(3)), true},
+      {"[1, [2, 3], [4, 5]]", "8301820203820405",
+       Value(ValueArray{1u, ValueArray{2u, 3u}, ValueArray{4u, 5u}}), true},
+      {"[1, ..., 25]", "98190102030405060708090a0b0c0d0e0f101112131415161718181819",
+       Value(oneTo(25)), true},
+      {"{}", "a0", Value(ValueMap{}), true},
+      {"{1: 2, 3: 4}", "a201020304", Value(ValueMap{{1u, 2u}, {3u, 4u}}), true},
+      {"{\"a\": 1, \"b\": [2, 3]}", "a26161016162820203",
+       Value(ValueMap{{"a", 1u}, {"b", ValueArray{2u, 3u}}}), true},
+      {"[\"a\", {\"b\": \"c\"}]", "826161a161626163", Value(ValueArray{"a", ValueMap{{"b", "c"}}}),
+       true},
+      {"{\"a\": \"A\", ..., \"e\": \"E\"}", "a56161614161626142616361436164614461656145",
+       Value(ValueMap{{"a", "A"}, {"b", "B"}, {"c", "C"}, {"d", "D"}, {"e", "E"}}), true},
+      {"(_ h'0102', h'030405')", "5f42010243030405ff", Value(Bytes{1, 2, 3, 4, 5}), false},
+      {"(_ \"strea\", \"ming\")", "7f657374726561646d696e67ff", Value("streaming"), false},
+      {"[_ ]", "9fff", Value(ValueArray{}), false},
+      {"[_ 1, [2, 3], [_ 4, 5]]", "9f018202039f0405ffff",
+       Value(ValueArray{1u, ValueArray{2u, 3u}, ValueArray{4u, 5u}}), false},
+      {"[_ 1, [2, 3], [4, 5]]", "9f01820203820405ff",
+       Value(ValueArray{1u, ValueArray{2u, 3u}, ValueArray{4u, 5u}}), false},
+      {"[1, [2, 3], [_ 4, 5]]", "83018202039f0405ff",
+       Value(ValueArray{1u, ValueArray{2u, 3u}, ValueArray{4u, 5u}}), false},
+      {"[1, [_ 2, 3], [4, 5]]", "83019f0203ff820405",
+       Value(ValueArray{1u, ValueArray{2u, 3u}, ValueArray{4u, 5u}}), false},
+      {"[_ 1, ..., 25]", "9f0102030405060708090a0b0c0d0e0f101112131415161718181819ff",
+       Value(oneTo(25)), false},
+      {"{_ \"a\": 1, \"b\": [_ 2, 3]}", "bf61610161629f0203ffff",
+       Value(ValueMap{{"a", 1u}, {"b", ValueArray{2u, 3u}}}), false},
+      {"[\"a\", {_ \"b\": \"c\"}]", "826161bf61626163ff", Value(ValueArray{"a", ValueMap{{"b", "c"}}}),
+       false},
+      {"{_ \"Fun\": true, \"Amt\": -2}", "bf6346756ef563416d7421ff",
+       Value(ValueMap{{"Fun", true}, {"Amt", 1u}}), false},
+  };
+  return vectors;
+}
+
+TEST(CborCodecTest, DecodesTheRfcAppendixAVectorsAsNativeValues) {
+  for (const auto& v : appendixA()) {
+    SCOPED_TRACE(v.diagnostic);
+    const auto decoded = decode(hex(v.hex));
+    ASSERT_TRUE(decoded.has_value());
+    EXPECT_EQ(*decoded, v.expected) << decoded->debugString();
+    if (v.reencodes) {
+      EXPECT_EQ(encode(*decoded), hex(v.hex));
+    }
+  }
+}
+
+TEST(CborCodecTest, NaNsAndSignedZeroKeepTheirKind) {
+  const struct {
+    const char* hex;
+    Value::Type type;
+  } nans[] = {{"f97e00", Value::Type::Float},
+              {"fa7fc00000", Value::Type::Float},
+              {"fb7ff8000000000000", Value::Type::Double}};
+  for (const auto& n : nans) {
+    SCOPED_TRACE(n.hex);
+    auto v = decode(hex(n.hex));
+    ASSERT_TRUE(v);
+    EXPECT_EQ(v->type(), n.type);
+    EXPECT_TRUE(std::isnan(*v->toDouble()));
+  }
+  auto negativeZero = decode(hex("f98000"));
+  ASSERT_TRUE(negativeZero && negativeZero->asFloat());
+  EXPECT_TRUE(std::signbit(*negativeZero->asFloat()));
+}
+
+TEST(CborCodecTest, MalformedOrHostileInputDecodesToNothing) {
+  std::string deepHex;
+  for (std::size_t i = 0; i < kMaxDepth + 1; ++i) deepHex += "81";
+  deepHex += "00";
+  const struct {
+    const char* what;
+    std::string hex;
+  } cases[] = {
+      {"empty", ""},
+      {"truncated integer", "18"},
+      {"reserved additional information", "1c"},
+      {"array declaring 2^64-1 elements", "9bffffffffffffffff00"},
+      {"array declaring more elements than bytes left", "9a7fffffff00"},
+      {"map declaring 2^64-1 entries", "bbffffffffffffffff0000"},
+      {"map declaring more entries than bytes left", "a30000"},
+      {"byte string longer than the message", "5affffffff00"},
+      {"text string longer than the message", "6461"},
+      {"lone break", "ff"},
+      {"array missing an element", "8200"},
+      {"trailing bytes after the item", "0000"},
+      {"integer inside an indefinite byte string", "5f01ff"},
+      {"text chunk inside an indefinite byte string", "5f6161ff"},
+      {"nested indefinite string", "5f5fffff"},
+      {"indefinite map with a key but no value", "bf01ff"},
+      {"unterminated indefinite array", "9f01"},
+      {"break inside a definite array", "82ff"},
+      {"two-byte simple value below 32", "f818"},
+      {"two-byte simple value cut short", "f8"},
+      {"tag without content", "c0"},
+      {"reserved initial byte", "fc"},
+      {"nesting deeper than the limit", deepHex},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_FALSE(decode(hex(c.hex)).has_value());
+  }
+  // The limit itself is fine.
+  std::string limitHex;
+  for (std::size_t i = 0; i < kMaxDepth; ++i) limitHex += "81";
+  EXPECT_TRUE(decode(hex(limitHex + "00")).has_value());
+}
+
+TEST(CborCodecTest, KeysThatCannotBeMapKeysAreReportedAsFatal) {
+  const struct {
+    const char* what;
+    const char* hex;
+    const char* message;
+  } cases[] = {
+      {"1 and -2 both convert to 1", "a201012102", "Duplicate values for key: '1'"},
+      {"the same text key twice", "a2616101616102", "Duplicate values for key: 'a'"},
+      {"an array as key", "a1810102", "Map key cannot be an array or a map: [1u]"},
+      {"a map as key, nested", "81a1a0f5", "Map key cannot be an array or a map: {}"},
+      {"a duplicate in a large map",
+       "aa6130006131006132006133006134006135006136006137006138006130f5",
+       "Duplicate values for key: '0'"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    auto result = decodeChecked(hex(c.hex));
+    EXPECT_FALSE(result.value);
+    EXPECT_EQ(result.fatalMessage, c.message);
+  }
+  // Only a message that is well-formed as a whole gets that far.
+  auto broken = decodeChecked(hex("a201012102ff"));
+  EXPECT_FALSE(broken.value);
+  EXPECT_FALSE(broken.fatalMessage);
+}
+
+TEST(CborCodecDeathTest, DecodeStopsOnKeysThatCannotBeMapKeys) {
+  EXPECT_DEATH(decode(hex("a201012102")), "Duplicate values for key: '1'");
+  EXPECT_DEATH(decode(hex("a1810102")), "Map key cannot be an array or a map");
+}
+
+TEST(CborCodecTest, EncodesEachNativeKind) {
+  const struct {
+    const char* what;
+    Value value;
+    const char* hex;
+  } cases[] = {
+      {"null", Value(), "f6"},
+      {"negative int64", Value(std::int64_t{-5}), "24"},
+      {"smallest int64", Value(std::numeric_limits<std::int64_t>::min()), "3b7fffffffffffffff"},
+      {"positive int64", Value(std::int64_t{500}), "1901f4"},
+      {"float as single", Value(1.5f), "fa3fc00000"},
+      {"double", Value(1.5), "fb3ff8000000000000"},
+      {"simple value", Value(SimpleValue{32}), "f820"},
+      {"map with non-text keys", Value(ValueMap{{1u, Value()}}), "a101f6"},
+      {"unconverted item", item(CborItem::Kind::Tag, 1, "c11a514b67b0"), "c11a514b67b0"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(encode(c.value), hex(c.hex));
+  }
+  // Simple values 20..31 have no encoding of their own.
+  EXPECT_FALSE(encode(Value(SimpleValue{22})));
+  EXPECT_FALSE(encode(Value(ValueArray{SimpleValue{31}})));
+  Value deep = Value(0u);
+  for (std::size_t i = 0; i < kMaxDepth + 1; ++i) deep = Value(ValueArray{deep});
+  EXPECT_FALSE(encode(deep));
+}
+
+TEST(CborCodecTest, MessageEnvelopeCarriesEventDataAndId) {
+  EXPECT_EQ(encodeMessage("x", {}, 1), hex("a3656576656e74617864646174" "61a062696401"));
+
+  Bytes image(30 * 1024);
+  for (std::size_t i = 0; i < image.size(); ++i) image[i] = static_cast<std::uint8_t>(i * 7);
+  const ValueMap data{{"type", "Frame"}, {"image", image}, {"timestamp", 1.25}, {"n", -3}};
+  const auto bytes = encodeMessage("frame", data, 1ull << 40);
+  ASSERT_TRUE(bytes);
+  const auto decoded = decode(*bytes);
+  ASSERT_TRUE(decoded && decoded->asMap());
+  const ValueMap& envelope = *decoded->asMap();
+  EXPECT_EQ(envelope.size(), 3u);
+  EXPECT_EQ(envelope.get("event"), Value("frame"));
+  EXPECT_EQ(envelope.get("id"), Value(1ull << 40));
+  const ValueMap expected{{"type", "Frame"}, {"image", image}, {"timestamp", 1.25}, {"n", 2u}};
+  EXPECT_EQ(envelope.get("data"), Value(expected));
+
+  // The payload's own keys must be text; nested maps may carry any key.
+  EXPECT_FALSE(encodeMessage("x", ValueMap{{1u, 2u}}, 1));
+  EXPECT_TRUE(encodeMessage("x", ValueMap{{"m", ValueMap{{1u, 2u}}}}, 1));
+  EXPECT_FALSE(encodeMessage("x", ValueMap{{"bad", SimpleValue{21}}}, 1));
+}
+
+}  // namespace
+}  // namespace zephlo::cbor
