@@ -21,7 +21,7 @@ bool Value::isNumber() const {
   }
 }
 
-const Bytes* Value::asBytes() const {
+const Bytes* Value::asBytes() const& {
   auto p = std::get_if<SharedBytes>(&v_);
   return p ? p->get() : nullptr;
 }
@@ -31,19 +31,29 @@ SharedBytes Value::sharedBytes() const {
   return p ? *p : nullptr;
 }
 
-const ValueArray* Value::asArray() const {
+const ValueArray* Value::asArray() const& {
   auto p = std::get_if<std::shared_ptr<const ValueArray>>(&v_);
   return p ? p->get() : nullptr;
 }
 
-const ValueMap* Value::asMap() const {
+const ValueMap* Value::asMap() const& {
   auto p = std::get_if<std::shared_ptr<const ValueMap>>(&v_);
   return p ? p->get() : nullptr;
 }
 
-const CborItem* Value::asItem() const {
+const CborItem* Value::asItem() const& {
   auto p = std::get_if<std::shared_ptr<const CborItem>>(&v_);
   return p ? p->get() : nullptr;
+}
+
+std::optional<std::string> Value::stringValue() const {
+  if (auto s = asString()) return *s;
+  return std::nullopt;
+}
+
+std::optional<std::uint64_t> Value::uintValue() const {
+  if (auto u = asUInt()) return *u;
+  return std::nullopt;
 }
 
 std::optional<double> Value::toDouble() const {

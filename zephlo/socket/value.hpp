@@ -95,18 +95,36 @@ class Value {
   bool isNumber() const;
 
   // Typed access: a pointer to the content, or null when the value is another kind.
-  const bool* asBool() const { return std::get_if<bool>(&v_); }
-  const std::int64_t* asInt() const { return std::get_if<std::int64_t>(&v_); }
-  const std::uint64_t* asUInt() const { return std::get_if<std::uint64_t>(&v_); }
-  const float* asFloat() const { return std::get_if<float>(&v_); }
-  const double* asDouble() const { return std::get_if<double>(&v_); }
-  const std::string* asString() const { return std::get_if<std::string>(&v_); }
-  const Bytes* asBytes() const;
+  // The pointer lives as long as this Value, so these are not callable on a
+  // temporary (such as the result of ValueMap::get): bind the Value to a name, or
+  // use ValueMap::find, which points into the map.
+  const bool* asBool() const& { return std::get_if<bool>(&v_); }
+  const std::int64_t* asInt() const& { return std::get_if<std::int64_t>(&v_); }
+  const std::uint64_t* asUInt() const& { return std::get_if<std::uint64_t>(&v_); }
+  const float* asFloat() const& { return std::get_if<float>(&v_); }
+  const double* asDouble() const& { return std::get_if<double>(&v_); }
+  const std::string* asString() const& { return std::get_if<std::string>(&v_); }
+  const Bytes* asBytes() const&;
+  const ValueArray* asArray() const&;
+  const ValueMap* asMap() const&;
+  const SimpleValue* asSimple() const& { return std::get_if<SimpleValue>(&v_); }
+  const CborItem* asItem() const&;
+  const bool* asBool() const&& = delete;
+  const std::int64_t* asInt() const&& = delete;
+  const std::uint64_t* asUInt() const&& = delete;
+  const float* asFloat() const&& = delete;
+  const double* asDouble() const&& = delete;
+  const std::string* asString() const&& = delete;
+  const Bytes* asBytes() const&& = delete;
+  const ValueArray* asArray() const&& = delete;
+  const ValueMap* asMap() const&& = delete;
+  const SimpleValue* asSimple() const&& = delete;
+  const CborItem* asItem() const&& = delete;
+  // The shared buffer itself: safe on a temporary.
   SharedBytes sharedBytes() const;
-  const ValueArray* asArray() const;
-  const ValueMap* asMap() const;
-  const SimpleValue* asSimple() const { return std::get_if<SimpleValue>(&v_); }
-  const CborItem* asItem() const;
+  // Copies of the content, safe on a temporary.
+  std::optional<std::string> stringValue() const;
+  std::optional<std::uint64_t> uintValue() const;
 
   // The value of any number kind as a double; empty for everything else.
   std::optional<double> toDouble() const;

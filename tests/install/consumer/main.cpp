@@ -10,7 +10,7 @@ int main() {
   zephlo::ValueMap map{{"frames", 3}};
   int seen = 0;
   queue.async([&] {
-    seen = static_cast<int>(*map.get("frames").asInt());
+    seen = static_cast<int>(*map.find("frames")->asInt());
     queue.stop();
   });
   queue.run();
