@@ -34,7 +34,7 @@ class ValueBuilder {
   bool on_document_begin(error_code&) { return true; }
   bool on_document_end(error_code&) { return true; }
 
-  bool on_array_begin(error_code& ec) { return checkTopLevel(ec); }
+  bool on_array_begin(error_code&) { return true; }
   bool on_array_end(std::size_t n, error_code&) {
     ValueArray array;
     array.reserve(n);
@@ -45,7 +45,7 @@ class ValueBuilder {
     return true;
   }
 
-  bool on_object_begin(error_code& ec) { return checkTopLevel(ec); }
+  bool on_object_begin(error_code&) { return true; }
   bool on_object_end(std::size_t n, error_code&) {
     ValueMap map;
     map.reserve(n);
@@ -124,22 +124,11 @@ class ValueBuilder {
   bool on_comment_part(string_view, error_code&) { return true; }
   bool on_comment(string_view, error_code&) { return true; }
 
-  bool notContainer() const { return notContainer_; }
   bool outOfRange() const { return outOfRange_; }
   Value take() { return values_.empty() ? Value() : std::move(values_.back()); }
 
  private:
-  bool checkTopLevel(error_code&) {
-    started_ = true;
-    return true;
-  }
-  bool push(Value v, error_code& ec) {
-    if (!started_) {
-      // A scalar before any container is a top-level fragment.
-      notContainer_ = true;
-      ec = boost::json::error::syntax;
-      return false;
-    }
+  bool push(Value v, error_code&) {
     values_.push_back(std::move(v));
     return true;
   }
@@ -148,8 +137,6 @@ class ValueBuilder {
   std::vector<std::string> keys_;
   std::string text_;
   std::string number_;
-  bool started_ = false;
-  bool notContainer_ = false;
   bool outOfRange_ = false;
 };
 
@@ -307,13 +294,22 @@ class Writer {
 std::optional<Value> parse(std::string_view text, std::string* error) {
   boost::json::parse_options options;
   options.max_depth = kMaxDepth;
+  // Only an object or an array may stand at the top. Checked before parsing: a
+  // handler that refuses a top-level scalar trips an assertion inside the parser.
+  const auto first = text.find_first_not_of(" \t\r\n");
+  if (first == std::string_view::npos) {
+    setError(error, "no JSON value");
+    return std::nullopt;
+  }
+  if (text[first] != '{' && text[first] != '[') {
+    setError(error, "the top-level value is not an object or an array");
+    return std::nullopt;
+  }
   boost::json::basic_parser<ValueBuilder> parser(options);
   error_code ec;
   const std::size_t used = parser.write_some(false, text.data(), text.size(), ec);
   if (ec) {
-    if (parser.handler().notContainer())
-      setError(error, "the top-level value is not an object or an array");
-    else if (parser.handler().outOfRange())
+    if (parser.handler().outOfRange())
       setError(error, "a number outside the range of a double");
     else
       setError(error, ec.message() + " at offset " + std::to_string(used));

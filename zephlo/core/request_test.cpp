@@ -1,0 +1,235 @@
+#include "zephlo/core/request.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <limits>
+
+#include "zephlo/platform/bundle.hpp"
+#include "zephlo/testing/http_test_server.hpp"
+#include "zephlo/testing/main_queue_fixture.hpp"
+
+namespace zephlo {
+namespace {
+
+using testing::HttpTestServer;
+using Response = HttpTestServer::Response;
+
+struct Reply {
+  bool called = false;
+  bool onMainQueue = false;
+  OptionalError error;
+  Value body;
+  std::shared_ptr<const HTTPResponse> response;
+};
+
+class ZPHRequestTest : public testing::MainQueueTest {
+ protected:
+  // Sends a request and pumps the main queue until its callback has run there.
+  Reply send(const std::string& url, const ValueMap& options) {
+    auto reply = std::make_shared<Reply>();
+    ZPHRequest::request(url, options, [reply](OptionalError error, Value body, auto response) {
+      reply->called = true;
+      reply->onMainQueue = platform::MainQueue::shared().isCurrent();
+      reply->error = std::move(error);
+      reply->body = std::move(body);
+      reply->response = std::move(response);
+    });
+    EXPECT_TRUE(queue().runUntil([&] { return reply->called; }));
+    return *reply;
+  }
+
+  HttpTestServer server_;
+};
+
+// The only test that writes the process-wide default headers, so it can see them
+// start empty whatever order the tests run in.
+TEST_F(ZPHRequestTest, DefaultHeadersStartEmptyMergeAndGoOnEveryRequest) {
+  EXPECT_TRUE(ZPHRequest::urlRequest("http://x/").headers.empty());
+
+  ZPHRequest::setHeaders({{"X-ZephloPlatform", "ios"}, {"X-ZephloDevice", "A"}});
+  ZPHRequest::setHeaders({{"X-ZephloDevice", "B"}, {"X-ZephloSDKVersion", "2.6.0-alpha.1"}});
+  const ZPHRequest::HeaderMap expected{
+      {"X-ZephloPlatform", "ios"}, {"X-ZephloDevice", "B"}, {"X-ZephloSDKVersion", "2.6.0-alpha.1"}};
+  EXPECT_EQ(ZPHRequest::headers(), expected);
+
+  const auto plain = ZPHRequest::urlRequest("http://x/a");
+  EXPECT_EQ(plain.url, "http://x/a");
+  EXPECT_EQ(plain.method, "GET");
+  EXPECT_FALSE(plain.body);
+  EXPECT_EQ(plain.timeout, std::chrono::seconds(60));
+  EXPECT_EQ(plain.headers.size(), 3u);
+  EXPECT_EQ(plain.header("X-ZephloDevice"), "B");
+
+  const auto socket = ZPHRequest::socketRequest("wss://s.example/c/1", "tok");
+  EXPECT_EQ(socket.url, "wss://s.example/c/1/sockets/1/ws");
+  EXPECT_EQ(socket.header("Authorization"), "Bearer tok");
+  EXPECT_EQ(socket.header("User-Agent"), "ZephloBroadcast/1");  // the demo bundle
+  EXPECT_EQ(socket.header("X-ZephloPlatform"), "ios");
+  EXPECT_EQ(socket.header("X-ZephloDevice"), "B");
+  EXPECT_EQ(socket.timeout, std::chrono::seconds(10));
+
+  // Every REST call carries them, with the JSON content type even without a body.
+  server_.route("DELETE", "/r", Response::json(200, "{}"));
+  send(server_.url("/r"), ValueMap{{"method", "DELETE"}});
+  const auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_EQ(requests[0].method, "DELETE");
+  EXPECT_EQ(requests[0].header("X-ZephloPlatform"), "ios");
+  EXPECT_EQ(requests[0].header("X-ZephloDevice"), "B");
+  EXPECT_EQ(requests[0].header("X-ZephloSDKVersion"), "2.6.0-alpha.1");
+  EXPECT_EQ(requests[0].header("Content-Type"), "application/json; charset=utf-8");
+  EXPECT_TRUE(requests[0].body.empty());
+}
+
+TEST_F(ZPHRequestTest, SocketRequestFormatsAMissingBundleEntryAsNull) {
+  std::string error;
+  auto bundle = platform::Bundle::fromJson(R"({"CFBundleVersion": "7"})", &error);
+  ASSERT_TRUE(bundle) << error;
+  platform::Bundle::setMain(*bundle);
+  const auto request = ZPHRequest::socketRequest("ws://h", "t");
+  platform::Bundle::setMain(platform::Bundle::demo());
+  EXPECT_EQ(request.url, "ws://h/sockets/1/ws");
+  EXPECT_EQ(request.header("User-Agent"), "(null)/7");
+}
+
+TEST_F(ZPHRequestTest, SendsMethodAndJsonBody) {
+  server_.route("GET", "/g", Response::json(200, "{}"));
+  server_.route("PUT", "/p", Response::json(200, "{}"));
+  send(server_.url("/g"), {});
+  send(server_.url("/p"), ValueMap{{"method", "PUT"}, {"body", ValueMap{{"a", ValueArray{1, "x", nullptr}}}}});
+  const auto requests = server_.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].method, "GET");
+  EXPECT_TRUE(requests[0].body.empty());
+  EXPECT_EQ(requests[1].method, "PUT");
+  EXPECT_EQ(requests[1].body, R"({"a":[1,"x",null]})");
+}
+
+TEST_F(ZPHRequestTest, OutcomesReachTheMainQueueInTheirOrder) {
+  const Error decodeError{std::string(kJSONErrorDomain), kJSONDecodeError, ""};
+  struct Case {
+    const char* name;
+    Response reply;
+    std::optional<Error> error;  // descriptions of JSON errors are not compared
+    Value body;
+  };
+  Response htmlUnavailable;
+  htmlUnavailable.status = 503;
+  htmlUnavailable.headers.emplace_back("Content-Type", "text/html");
+  htmlUnavailable.body = "<html><body>Service Unavailable</body></html>";
+  const Case cases[] = {
+      {"204 with an empty body", Response::json(204, ""), std::nullopt, Value()},
+      {"200 with an object", Response::json(200, R"({"id":"s1","n":2})"), std::nullopt,
+       ValueMap{{"id", "s1"}, {"n", 2}}},
+      {"201 with an array", Response::json(201, "[1,2]"), std::nullopt, ValueArray{1, 2}},
+      {"200 empty", Response::json(200, ""), decodeError, Value()},
+      {"200 not JSON", Response::json(200, "hello"), decodeError, Value()},
+      {"200 top-level string", Response::json(200, "\"s\""), decodeError, Value()},
+      {"404 with message", Response::json(404, R"({"message":"Session not found"})"),
+       ZPHError("Session not found", 404), ValueMap{{"message", "Session not found"}}},
+      {"500 without message", Response::json(500, R"({"error":"boom"})"), ZPHError("Request failed", 500),
+       ValueMap{{"error", "boom"}}},
+      {"422 with a non-text message", Response::json(422, R"({"message":5})"), ZPHError("Request failed", 422),
+       ValueMap{{"message", 5}}},
+      {"400 with an array", Response::json(400, "[]"), ZPHError("Request failed", 400), ValueArray{}},
+      {"503 with HTML", htmlUnavailable, decodeError, Value()},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    server_.route("GET", "/o", c.reply);
+    const Reply reply = send(server_.url("/o"), {});
+    EXPECT_TRUE(reply.onMainQueue);
+    ASSERT_TRUE(reply.response);
+    EXPECT_EQ(reply.response->statusCode, c.reply.status);
+    EXPECT_EQ(reply.body, c.body);
+    ASSERT_EQ(reply.error.has_value(), c.error.has_value());
+    if (!c.error) continue;
+    EXPECT_EQ(reply.error->domain, c.error->domain);
+    EXPECT_EQ(reply.error->code, c.error->code);
+    if (c.error->domain == kZephloErrorDomain) {
+      EXPECT_EQ(reply.error->description, c.error->description);
+    } else {
+      EXPECT_FALSE(reply.error->description.empty());
+    }
+  }
+}
+
+TEST_F(ZPHRequestTest, ResponseCarriesStatusAndHeaders) {
+  Response reply = Response::json(200, "{}");
+  reply.headers.emplace_back("X-Request-Id", "r-9");
+  server_.route("GET", "/h", reply);
+  const Reply got = send(server_.url("/h"), {});
+  ASSERT_TRUE(got.response);
+  EXPECT_EQ(got.response->statusCode, 200);
+  EXPECT_EQ(got.response->header("x-request-id"), "r-9");
+  EXPECT_EQ(got.response->header("Content-Type"), "application/json");
+}
+
+// Error paths.
+
+TEST_F(ZPHRequestTest, UnencodableBodyFailsOnTheMainQueueWithoutTraffic) {
+  server_.route("POST", "/e", Response::json(200, "{}"));
+  const Value bodies[] = {
+      ValueMap{{"image", Bytes{0xff, 0xd8}}},
+      ValueMap{{"scale", std::numeric_limits<double>::quiet_NaN()}},
+      Value("a bare string"),
+  };
+  for (const auto& body : bodies) {
+    SCOPED_TRACE(body.debugString());
+    bool called = false;
+    Reply reply;
+    ZPHRequest::request(server_.url("/e"), ValueMap{{"method", "POST"}, {"body", body}},
+                        [&](OptionalError error, Value b, auto response) {
+                          called = true;
+                          reply.onMainQueue = platform::MainQueue::shared().isCurrent();
+                          reply.error = std::move(error);
+                          reply.body = std::move(b);
+                          reply.response = std::move(response);
+                        });
+    EXPECT_FALSE(called);  // posted, never called from inside `request`
+    ASSERT_TRUE(queue().runUntil([&] { return called; }));
+    EXPECT_TRUE(reply.onMainQueue);
+    ASSERT_TRUE(reply.error);
+    EXPECT_EQ(reply.error->domain, kJSONErrorDomain);
+    EXPECT_EQ(reply.error->code, kJSONEncodeError);
+    EXPECT_TRUE(reply.body.isNull());
+    EXPECT_FALSE(reply.response);
+  }
+  // A later good request is the first the server sees.
+  send(server_.url("/e"), ValueMap{{"method", "POST"}, {"body", ValueMap{}}});
+  EXPECT_EQ(server_.requestCount(), 1u);
+}
+
+TEST_F(ZPHRequestTest, TransportErrorIsCalledBackOnTheHttpThread) {
+  std::string closedUrl;
+  {
+    HttpTestServer gone;
+    closedUrl = gone.url("/r");
+  }
+  std::promise<Reply> done;
+  ZPHRequest::request(closedUrl, {}, [&done](OptionalError error, Value body, auto response) {
+    Reply reply;
+    reply.called = true;
+    reply.onMainQueue = platform::MainQueue::shared().isCurrent() ||
+                        !platform::HttpClient::shared().isCurrent();
+    reply.error = std::move(error);
+    reply.body = std::move(body);
+    reply.response = std::move(response);
+    done.set_value(std::move(reply));
+  });
+  // The main queue is not pumped: the callback must not need it.
+  auto future = done.get_future();
+  ASSERT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  const Reply reply = future.get();
+  EXPECT_FALSE(reply.onMainQueue);
+  ASSERT_TRUE(reply.error);
+  EXPECT_EQ(reply.error->domain, kURLLoadingErrorDomain);
+  EXPECT_EQ(reply.error->code, kURLErrorCannotConnectToHost);
+  EXPECT_TRUE(reply.body.isNull());
+  EXPECT_FALSE(reply.response);
+}
+
+}  // namespace
+}  // namespace zephlo

@@ -1,0 +1,229 @@
+#include "zephlo/core/rest_resource.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+
+#include "zephlo/core/request.hpp"
+#include "zephlo/testing/http_test_server.hpp"
+#include "zephlo/testing/main_queue_fixture.hpp"
+
+namespace zephlo {
+namespace {
+
+using testing::HttpTestServer;
+using Response = HttpTestServer::Response;
+
+// A resource at a fixed URL whose validation, when switched on, accepts only maps
+// with a text "id".
+class Thing : public ZPHRESTResource {
+ public:
+  explicit Thing(std::string url, bool validating = false) : url_(std::move(url)), validating_(validating) {}
+  std::string url() const override { return url_; }
+  OptionalError updateResource(const Value& value) override {
+    if (validating_ && (!value.isMap() || !value.asMap()->get("id").isString()))
+      return ZPHError("Invalid thing", 0);
+    return ZPHRESTResource::updateResource(value);
+  }
+
+ private:
+  std::string url_;
+  bool validating_;
+};
+
+struct Outcome {
+  bool called = false;
+  OptionalError error;
+  std::shared_ptr<ZPHRESTResource> resource;
+};
+
+class ZPHRESTResourceTest : public testing::MainQueueTest {
+ protected:
+  ZPHRESTResource::ResourceCallback record(Outcome& outcome) {
+    return [&outcome](OptionalError error, std::shared_ptr<ZPHRESTResource> resource) {
+      outcome.called = true;
+      outcome.error = std::move(error);
+      outcome.resource = std::move(resource);
+    };
+  }
+  void wait(const Outcome& outcome) { ASSERT_TRUE(queue().runUntil([&] { return outcome.called; })); }
+
+  HttpTestServer server_;
+};
+
+TEST_F(ZPHRESTResourceTest, NewResourceIsAnEmptyMap) {
+  const auto thing = std::make_shared<ZPHRESTResource>();
+  EXPECT_EQ(thing->resource(), Value(ValueMap{}));
+  EXPECT_TRUE(thing->field("id").isNull());
+  EXPECT_FALSE(thing->id());
+  EXPECT_EQ(thing->url(), "");
+
+  ZPHRESTResource::setBaseUrl("http://api.example");
+  EXPECT_EQ(ZPHRESTResource::baseUrl(), "http://api.example");
+  ZPHRESTResource::setBaseUrl(std::nullopt);
+  EXPECT_FALSE(ZPHRESTResource::baseUrl());
+}
+
+TEST_F(ZPHRESTResourceTest, IdReadsTextOrIntegerIds) {
+  const auto thing = std::make_shared<ZPHRESTResource>();
+  const std::pair<Value, std::optional<std::string>> cases[] = {
+      {"s-1", "s-1"}, {42, "42"}, {std::uint64_t{18446744073709551615ull}, "18446744073709551615"},
+      {1.5, std::nullopt}, {nullptr, std::nullopt}, {ValueMap{}, std::nullopt},
+  };
+  for (const auto& [id, expected] : cases) {
+    thing->updateResource(ValueMap{{"id", id}});
+    EXPECT_EQ(thing->id(), expected) << id.debugString();
+  }
+  thing->updateResource(ValueArray{});
+  EXPECT_TRUE(thing->field("id").isNull());
+}
+
+TEST_F(ZPHRESTResourceTest, VerbsMapOntoRequestsAndTakeTheReply) {
+  const ValueMap body{{"state", "active"}, {"full_device", true}};
+  struct Case {
+    const char* method;
+    std::function<void(Thing&, ZPHRESTResource::ResourceCallback)> call;
+    std::string sentBody;
+  };
+  const Case cases[] = {
+      {"GET", [](Thing& t, auto cb) { t.fetch(std::move(cb)); }, ""},
+      {"POST", [&](Thing& t, auto cb) { t.create(body, std::move(cb)); }, R"({"state":"active","full_device":true})"},
+      {"PUT", [&](Thing& t, auto cb) { t.update(body, std::move(cb)); }, R"({"state":"active","full_device":true})"},
+      {"DELETE", [](Thing& t, auto cb) { t.delete_(std::move(cb)); }, ""},
+  };
+  std::size_t n = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.method);
+    server_.route(c.method, "/things/1", Response::json(200, std::string(R"({"id":"1","via":")") + c.method + "\"}"));
+    const auto thing = std::make_shared<Thing>(server_.url("/things/1"));
+    Outcome outcome;
+    c.call(*thing, record(outcome));
+    wait(outcome);
+    EXPECT_FALSE(outcome.error);
+    EXPECT_EQ(outcome.resource, thing);
+    EXPECT_EQ(thing->field("via"), Value(c.method));
+    EXPECT_EQ(thing->id(), "1");
+    const auto requests = server_.requests();
+    ASSERT_EQ(requests.size(), ++n);
+    EXPECT_EQ(requests.back().method, c.method);
+    EXPECT_EQ(requests.back().target, "/things/1");
+    EXPECT_EQ(requests.back().body, c.sentBody);
+  }
+}
+
+TEST_F(ZPHRESTResourceTest, DeleteRepliesReplaceTheResource) {
+  const auto thing = std::make_shared<Thing>(server_.url("/t"));
+  thing->updateResource(ValueMap{{"id", "t"}, {"state", "active"}});
+
+  server_.route("DELETE", "/t", Response::json(200, R"({"id":"t","state":"ended"})"));
+  Outcome withBody;
+  thing->delete_(record(withBody));
+  wait(withBody);
+  EXPECT_FALSE(withBody.error);
+  EXPECT_EQ(thing->resource(), Value(ValueMap{{"id", "t"}, {"state", "ended"}}));
+
+  server_.route("DELETE", "/t", Response::json(204, ""));
+  Outcome noContent;
+  thing->delete_(record(noContent));
+  wait(noContent);
+  EXPECT_FALSE(noContent.error);
+  EXPECT_TRUE(thing->resource().isNull());
+  EXPECT_TRUE(thing->field("id").isNull());
+
+  thing->cleanup();
+  EXPECT_EQ(thing->resource(), Value(ValueMap{}));
+}
+
+TEST_F(ZPHRESTResourceTest, FetchWithoutCallbackStillUpdates) {
+  server_.route("GET", "/t", Response::json(200, R"({"id":"t","n":3})"));
+  const auto thing = std::make_shared<Thing>(server_.url("/t"));
+  thing->fetch(nullptr);
+  ASSERT_TRUE(queue().runUntil([&] { return thing->field("n") == Value(3); }));
+  EXPECT_EQ(thing->id(), "t");
+}
+
+TEST_F(ZPHRESTResourceTest, CallInFlightKeepsItsResourceAlive) {
+  server_.route("GET", "/t", Response::json(200, R"({"id":"t"})"));
+  auto thing = std::make_shared<Thing>(server_.url("/t"));
+  const std::weak_ptr<Thing> watch = thing;
+  Outcome outcome;
+  thing->fetch(record(outcome));
+  thing.reset();
+  EXPECT_FALSE(watch.expired());
+  wait(outcome);
+  ASSERT_TRUE(outcome.resource);
+  EXPECT_EQ(outcome.resource->id(), "t");
+  outcome.resource.reset();
+  // The completion has run and let go of its reference.
+  ASSERT_TRUE(queue().runUntil([&] { return watch.expired(); }));
+}
+
+// Error paths.
+
+TEST_F(ZPHRESTResourceTest, FailedCallLeavesTheResourceAndPassesTheError) {
+  const Value before = ValueMap{{"id", "t"}, {"name", "old"}};
+  const auto thing = std::make_shared<Thing>(server_.url("/t"));
+  thing->updateResource(before);
+
+  server_.route("PUT", "/t", Response::json(422, R"({"message":"name is taken","id":"other"})"));
+  Outcome outcome;
+  thing->update(ValueMap{{"name", "new"}}, record(outcome));
+  wait(outcome);
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(*outcome.error, ZPHError("name is taken", 422));
+  EXPECT_EQ(outcome.resource, thing);
+  EXPECT_EQ(thing->resource(), before);
+
+  server_.route("GET", "/t", Response::json(200, "not json"));
+  Outcome undecodable;
+  thing->fetch(record(undecodable));
+  wait(undecodable);
+  ASSERT_TRUE(undecodable.error);
+  EXPECT_EQ(undecodable.error->domain, kJSONErrorDomain);
+  EXPECT_EQ(thing->resource(), before);
+}
+
+TEST_F(ZPHRESTResourceTest, RejectedRepresentationLeavesTheResource) {
+  const auto thing = std::make_shared<Thing>(server_.url("/t"), /*validating=*/true);
+  ASSERT_FALSE(thing->updateResource(ValueMap{{"id", "t"}}));
+
+  server_.route("GET", "/t", Response::json(200, R"({"id":7})"));
+  Outcome outcome;
+  thing->fetch(record(outcome));
+  wait(outcome);
+  ASSERT_TRUE(outcome.error);
+  EXPECT_EQ(*outcome.error, ZPHError("Invalid thing", 0));
+  EXPECT_EQ(thing->resource(), Value(ValueMap{{"id", "t"}}));
+
+  server_.route("GET", "/t", Response::json(204, ""));
+  Outcome empty;
+  thing->fetch(record(empty));
+  wait(empty);
+  ASSERT_TRUE(empty.error);
+  EXPECT_EQ(thing->resource(), Value(ValueMap{{"id", "t"}}));
+}
+
+TEST_F(ZPHRESTResourceTest, TransportErrorLeavesTheResourceAndArrivesOffTheMainQueue) {
+  std::string closedUrl;
+  {
+    HttpTestServer gone;
+    closedUrl = gone.url("/t");
+  }
+  const auto thing = std::make_shared<Thing>(closedUrl);
+  thing->updateResource(ValueMap{{"id", "t"}});
+  std::promise<std::pair<OptionalError, bool>> done;
+  thing->fetch([&done](OptionalError error, std::shared_ptr<ZPHRESTResource>) {
+    done.set_value({std::move(error), platform::MainQueue::shared().isCurrent()});
+  });
+  auto future = done.get_future();
+  ASSERT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
+  const auto [error, onMainQueue] = future.get();
+  ASSERT_TRUE(error);
+  EXPECT_EQ(error->domain, kURLLoadingErrorDomain);
+  EXPECT_FALSE(onMainQueue);
+  EXPECT_EQ(thing->resource(), Value(ValueMap{{"id", "t"}}));
+}
+
+}  // namespace
+}  // namespace zephlo

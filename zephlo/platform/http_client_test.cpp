@@ -1,0 +1,168 @@
+#include "zephlo/platform/http_client.hpp"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <future>
+#include <memory>
+
+#include "zephlo/testing/http_test_server.hpp"
+
+namespace zephlo::platform {
+namespace {
+
+using testing::HttpTestServer;
+using namespace std::chrono_literals;
+
+struct Outcome {
+  HttpResult result;
+  bool onHttpThread = false;
+};
+
+// Runs one transfer on `client` and waits for its completion.
+Outcome fetch(HttpClient& client, URLRequest request) {
+  std::promise<Outcome> done;
+  auto future = done.get_future();
+  client.start(std::move(request), [&client, &done](HttpResult result) {
+    done.set_value(Outcome{std::move(result), client.isCurrent()});
+  });
+  if (future.wait_for(20s) != std::future_status::ready) {
+    ADD_FAILURE() << "no completion";
+    return {};
+  }
+  return future.get();
+}
+
+TEST(HttpClientTest, SendsTheRequestAndReturnsTheFinalResponseOnItsThread) {
+  HttpTestServer server;
+  HttpTestServer::Response created = HttpTestServer::Response::json(201, R"({"ok":true})");
+  created.headers.emplace_back("X-Reply", "yes");
+  server.route("POST", "/things", created);
+
+  HttpClient client;
+  URLRequest request;
+  request.url = server.url("/things?x=1");
+  request.method = "POST";
+  request.setHeader("X-One", "1");
+  request.setHeader("X-Empty", "");
+  request.body = std::string(4000, 'b');  // large enough that curl would ask for 100 Continue
+  const auto outcome = fetch(client, request);
+
+  EXPECT_TRUE(outcome.onHttpThread);
+  ASSERT_FALSE(outcome.result.error) << outcome.result.error->description;
+  ASSERT_TRUE(outcome.result.response);
+  EXPECT_EQ(outcome.result.response->statusCode, 201);
+  EXPECT_EQ(outcome.result.response->header("x-reply"), "yes");
+  EXPECT_EQ(outcome.result.body, R"({"ok":true})");
+
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 1u);
+  EXPECT_EQ(requests[0].method, "POST");
+  EXPECT_EQ(requests[0].target, "/things?x=1");
+  EXPECT_EQ(requests[0].header("X-One"), "1");
+  EXPECT_EQ(requests[0].header("X-Empty"), "");
+  EXPECT_FALSE(requests[0].header("Expect"));
+  EXPECT_EQ(requests[0].body, std::string(4000, 'b'));
+}
+
+TEST(HttpClientTest, TransfersShareNoConnectionAndNoCookies) {
+  HttpTestServer server;
+  HttpTestServer::Response withCookie;
+  withCookie.headers.emplace_back("Set-Cookie", "session=abc; Path=/");
+  server.route("GET", "/a", withCookie);
+
+  HttpClient client;
+  URLRequest request;
+  request.url = server.url("/a");
+  fetch(client, request);
+  fetch(client, request);
+
+  EXPECT_EQ(server.connectionCount(), 2u);
+  const auto requests = server.requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_FALSE(requests[1].header("Cookie"));
+}
+
+TEST(HttpClientTest, FollowsRedirects) {
+  HttpTestServer server;
+  HttpTestServer::Response moved;
+  moved.status = 302;
+  moved.headers.emplace_back("Location", "/final");
+  server.route("GET", "/start", moved);
+  server.route("GET", "/final", HttpTestServer::Response::json(200, "[]"));
+
+  HttpClient client;
+  URLRequest request;
+  request.url = server.url("/start");
+  const auto outcome = fetch(client, request);
+  ASSERT_TRUE(outcome.result.response);
+  EXPECT_EQ(outcome.result.response->statusCode, 200);
+  EXPECT_EQ(outcome.result.response->url, server.url("/final"));
+  EXPECT_EQ(outcome.result.body, "[]");
+}
+
+// Error paths.
+
+TEST(HttpClientTest, ReportsTransportErrorsWithPlatformCodes) {
+  std::string closedUrl;
+  {
+    HttpTestServer gone;
+    closedUrl = gone.url("/");
+  }
+  HttpTestServer silent;
+  HttpTestServer::Response never;
+  never.hold = true;
+  silent.route("GET", "/wait", never);
+
+  struct Case {
+    const char* name;
+    std::string url;
+    std::chrono::milliseconds timeout;
+    std::int64_t code;
+  };
+  const Case cases[] = {
+      {"closed port", closedUrl, 10s, -1004},
+      {"unsupported scheme", "ftp://127.0.0.1/", 10s, -1002},
+      {"no reply within the timeout", silent.url("/wait"), 1s, -1001},
+  };
+  HttpClient client;
+  for (const auto& c : cases) {
+    URLRequest request;
+    request.url = c.url;
+    request.timeout = c.timeout;
+    const auto outcome = fetch(client, request);
+    EXPECT_TRUE(outcome.onHttpThread) << c.name;
+    ASSERT_TRUE(outcome.result.error) << c.name;
+    EXPECT_EQ(outcome.result.error->code, c.code) << c.name << ": " << outcome.result.error->description;
+    EXPECT_FALSE(outcome.result.response) << c.name;
+  }
+}
+
+TEST(HttpClientTest, ShutdownAbandonsTransfersInFlight) {
+  HttpTestServer server;
+  HttpTestServer::Response never;
+  never.hold = true;
+  server.route("GET", "/wait", never);
+
+  auto client = std::make_unique<HttpClient>();
+  auto token = std::make_shared<int>(0);
+  std::weak_ptr<int> watch = token;
+  bool called = false;
+  URLRequest request;
+  request.url = server.url("/wait");
+  client->start(request, [token = std::move(token), &called](HttpResult) { called = true; });
+
+  ASSERT_TRUE(server.waitForRequests(1));
+
+  client->shutdown();
+  EXPECT_FALSE(called);
+  EXPECT_TRUE(watch.expired());  // the completion was destroyed, not leaked
+
+  // A request after shutdown is dropped the same way.
+  client->start(request, [&called](HttpResult) { called = true; });
+  client.reset();
+  EXPECT_FALSE(called);
+}
+
+}  // namespace
+}  // namespace zephlo::platform
