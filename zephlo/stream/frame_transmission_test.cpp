@@ -1,0 +1,273 @@
+#include <gtest/gtest.h>
+
+#include <cctype>
+
+#include "zephlo/platform/bitmap.hpp"
+#include "zephlo/stream/stream_protocol.hpp"
+#include "zephlo/stream/stream_test_support.hpp"
+#include "zephlo/testing/log_capture.hpp"
+
+namespace zephlo {
+namespace {
+
+using testing::LogCapture;
+using testing::WebSocketTestServer;
+
+constexpr std::string_view kDropLine = "Zephlo dropped frame due to network congestion";
+
+// A gradient, or noise that JPEG cannot shrink much (for frames that take a
+// while to write).
+FrameImage makeImage(int width = 64, int height = 48, bool noisy = false) {
+  std::shared_ptr<platform::Bitmap> bitmap = platform::Bitmap::create(width, height);
+  std::uint32_t state = 12345;
+  for (int plane = 0; plane < 3; ++plane)
+    for (int y = 0; y < bitmap->planeHeight(plane); ++y)
+      for (int x = 0; x < bitmap->planeWidth(plane); ++x) {
+        state = state * 1664525u + 1013904223u;
+        const auto sample = noisy ? static_cast<std::uint8_t>(state >> 24) : static_cast<std::uint8_t>(x * 4);
+        bitmap->mutablePlane(plane)[y * bitmap->planeWidth(plane) + x] = plane == 0 || noisy ? sample : 128;
+      }
+  return bitmap;
+}
+
+// "yyyy-MM-ddTHH:mm:ss" followed by "Z" or "+hh:mm" / "-hh:mm".
+bool looksLikeIsoDate(const std::string& text) {
+  const std::string utc = "dddd-dd-ddTdd:dd:ddZ";
+  const std::string offset = "dddd-dd-ddTdd:dd:dd+dd:dd";
+  const std::string& shape = text.size() == utc.size() ? utc : offset;
+  if (text.size() != shape.size()) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    const bool ok = shape[i] == 'd'   ? std::isdigit(static_cast<unsigned char>(c)) != 0
+                    : shape[i] == '+' ? (c == '+' || c == '-')
+                                      : c == shape[i];
+    if (!ok) return false;
+  }
+  return true;
+}
+
+class FrameTransmissionTest : public testing::StreamProtocolTest {
+ protected:
+  // Sets the stream socket's message lag to `lag`: a probe round trip makes sure
+  // every message the client sent has arrived, so the count the server holds is
+  // the client's last id; an acknowledgement `lag` below it does the rest.
+  void setLag(std::uint64_t lag) {
+    const std::size_t connection = streamServer_->acceptedCount() - 1;
+    while (true) {
+      const Value marker = ValueMap{{"marker", static_cast<std::uint64_t>(++probes_)}};
+      streamServer_->sendMap({{"event", "probe"}, {"data", marker}});
+      ASSERT_TRUE(waitFor([&] {
+        const auto alive = receivedEvents(*streamServer_, "alive");
+        return !alive.empty() && alive.back().get("data") == marker;
+      }));
+      std::uint64_t sent = 0;
+      for (const auto& message : streamServer_->received()) sent += message.connection == connection;
+      if (sent > lag) {
+        streamServer_->sendMap({{"ack", sent - lag}});
+        ASSERT_TRUE(waitFor([&] { return protocol_->stream()->messageLag() == lag; }));
+        return;
+      }
+      for (std::uint64_t i = sent; i <= lag; ++i) protocol_->stream()->send("noise", ValueMap{});
+    }
+  }
+
+  // Sends one frame and returns its callback's outcome once it arrives.
+  std::optional<bool> sendFrame(ZPHStreamProtocol& protocol, FrameImage image = makeImage()) {
+    int calls = 0;
+    std::optional<bool> outcome;
+    protocol.sendFrame(std::move(image), [&](bool sent) {
+      EXPECT_EQ(++calls, 1);
+      outcome = sent;
+    });
+    if (!waitFor([&] { return outcome.has_value(); })) return std::nullopt;
+    return outcome;
+  }
+
+  std::vector<std::uint64_t> frameIds() {
+    std::vector<std::uint64_t> ids;
+    for (const auto& frame : receivedEvents(*streamServer_, "frame"))
+      if (const Value data = frame.get("data"); const auto* map = data.asMap())
+        if (const Value id = map->get("id"); id.asUInt()) ids.push_back(*id.asUInt());
+    return ids;
+  }
+
+  std::uint64_t probes_ = 0;
+};
+
+TEST_F(FrameTransmissionTest, QualityFallsWithTheMessageLag) {
+  // No stream socket reads as lag 0.
+  EXPECT_FLOAT_EQ(protocol_->imageCompression(), 0.6f);
+  openBoth();
+  const float expected[] = {0.6f, 0.6f, 0.5f, 0.4f, 0.3f, 0.3f, 0.2f, 0.2f};
+  for (std::uint64_t lag = 0; lag < std::size(expected); ++lag) {
+    setLag(lag);
+    EXPECT_FLOAT_EQ(protocol_->imageCompression(), expected[lag]) << "lag " << lag;
+  }
+}
+
+TEST_F(FrameTransmissionTest, AFrameGoesOutAsJpegWithItsPayload) {
+  openBoth();
+  FrameImage image = makeImage();
+  const std::weak_ptr<const platform::Bitmap> weakImage = image;
+  int calls = 0;
+  std::optional<bool> outcome;
+  protocol_->sendFrame(std::move(image), [&](bool sent) {
+    ++calls;
+    outcome = sent;
+  });
+  // The sender is done with the bitmap before it calls back.
+  EXPECT_TRUE(weakImage.expired());
+  ASSERT_TRUE(waitFor([&] { return outcome.has_value(); }));
+  EXPECT_TRUE(*outcome);
+  ASSERT_TRUE(waitForEvents(*streamServer_, "frame", 1));
+  EXPECT_EQ(calls, 1);
+
+  const Value data = receivedEvents(*streamServer_, "frame")[0].get("data");
+  ASSERT_TRUE(data.isMap());
+  const ValueMap& frame = *data.asMap();
+  EXPECT_EQ(frame.size(), 5u);
+  EXPECT_EQ(frame.get("type"), Value("Frame"));
+  EXPECT_EQ(frame.get("id").type(), Value::Type::UInt);
+  EXPECT_EQ(frame.get("mime_type"), Value("image/jpeg"));
+  const Value imageValue = frame.get("image");
+  const Bytes* jpeg = imageValue.asBytes();
+  ASSERT_TRUE(jpeg);
+  ASSERT_GT(jpeg->size(), 4u);
+  EXPECT_EQ((*jpeg)[0], 0xFF);
+  EXPECT_EQ((*jpeg)[1], 0xD8);
+  EXPECT_EQ((*jpeg)[jpeg->size() - 2], 0xFF);
+  EXPECT_EQ((*jpeg)[jpeg->size() - 1], 0xD9);
+  const Value timestampValue = frame.get("timestamp");
+  const auto* timestamp = timestampValue.asString();
+  ASSERT_TRUE(timestamp);
+  EXPECT_TRUE(looksLikeIsoDate(*timestamp)) << *timestamp;
+}
+
+TEST_F(FrameTransmissionTest, CongestionDropsTheFrameButUsesUpItsId) {
+  openBoth();
+  LogCapture log;
+  setLag(0);
+  ASSERT_EQ(sendFrame(*protocol_), true);
+
+  setLag(6);
+  std::optional<bool> dropped;
+  protocol_->sendFrame(makeImage(), [&](bool sent) { dropped = sent; });
+  EXPECT_EQ(dropped, false);  // at once, no write involved
+  EXPECT_EQ(log.lines(), std::vector<std::string>{std::string(kDropLine)});
+
+  setLag(0);
+  ASSERT_EQ(sendFrame(*protocol_), true);
+  ASSERT_TRUE(waitForEvents(*streamServer_, "frame", 2));
+  const auto ids = frameIds();
+  ASSERT_EQ(ids.size(), 2u);
+  EXPECT_EQ(ids[1], ids[0] + 2);
+  EXPECT_EQ(log.lines().size(), 1u);
+}
+
+TEST_F(FrameTransmissionTest, NotConnectedGivesFalseSilently) {
+  LogCapture log;
+  // No stream socket at all.
+  EXPECT_EQ(sendFrame(*protocol_), false);
+
+  // A stream socket still in its handshake.
+  WebSocketTestServer::Options silent;
+  silent.answerUpgrades = false;
+  streamServer_ = std::make_unique<WebSocketTestServer>(silent);
+  session_->updateResource(sessionMap(false, true));
+  ASSERT_TRUE(waitFor([&] { return streamServer_->upgrades().size() == 1; }));
+  ASSERT_TRUE(protocol_->stream());
+  EXPECT_EQ(sendFrame(*protocol_), false);
+  std::optional<bool> screen;
+  protocol_->sendStreamEvent("screen", ValueMap{}, [&](bool sent) { screen = sent; });
+  EXPECT_EQ(screen, false);
+
+  // And after close.
+  protocol_->close();
+  EXPECT_EQ(sendFrame(*protocol_), false);
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(FrameTransmissionTest, FrameIdsRunOnAcrossProtocolObjects) {
+  openBoth();
+  ASSERT_EQ(sendFrame(*protocol_), true);
+  ASSERT_TRUE(waitForEvents(*streamServer_, "frame", 1));
+  protocol_->close();
+
+  const auto session = ZPHSession::initWithResource({{"id", "s-1"}});
+  const auto protocol = ZPHStreamProtocol::create(session);
+  session->updateResource(sessionMap(false, true));
+  ASSERT_TRUE(waitFor([&] { return protocol->stream()->isConneced(); }));
+  ASSERT_EQ(sendFrame(*protocol), true);
+  ASSERT_TRUE(waitForEvents(*streamServer_, "frame", 2));
+  const auto ids = frameIds();
+  ASSERT_EQ(ids.size(), 2u);
+  EXPECT_EQ(ids[1], ids[0] + 1);
+  protocol->close();
+  session->cleanup();
+}
+
+TEST_F(FrameTransmissionTest, OnlyFramesAreHeldBackByCongestion) {
+  openBoth();
+  LogCapture log;
+  setLag(10);
+  protocol_->sendScreenDetails("ZPHSettingsViewController", "Settings");
+  protocol_->sendScreenDetails("ZPHHomeViewController", std::nullopt);
+  ASSERT_TRUE(waitForEvents(*streamServer_, "screen", 2));
+  const auto screens = receivedEvents(*streamServer_, "screen");
+  const Value first = screens[0].get("data");
+  ASSERT_TRUE(first.isMap());
+  EXPECT_EQ(first.asMap()->size(), 4u);
+  EXPECT_EQ(first.asMap()->get("type"), Value("Screen"));
+  EXPECT_EQ(first.asMap()->get("class"), Value("ZPHSettingsViewController"));
+  EXPECT_EQ(first.asMap()->get("title"), Value("Settings"));
+  EXPECT_TRUE(first.asMap()->get("timestamp").isString());
+  const Value second = screens[1].get("data");
+  ASSERT_TRUE(second.isMap());
+  ASSERT_TRUE(second.asMap()->contains("title"));
+  EXPECT_EQ(second.asMap()->get("title"), roundTrip(Value()));
+
+  // The same lag holds back anything sent as "frame".
+  std::optional<bool> frame;
+  protocol_->sendStreamEvent("frame", ValueMap{{"id", 1}}, [&](bool sent) { frame = sent; });
+  EXPECT_EQ(frame, false);
+  EXPECT_EQ(log.lines(), std::vector<std::string>{std::string(kDropLine)});
+}
+
+// --- error paths of the callback's once-always promise ---
+
+TEST_F(FrameTransmissionTest, UnencodableDataIsRefusedRatherThanLeftHanging) {
+  openBoth();
+  Value deep = ValueMap{};
+  for (int i = 0; i < 80; ++i) deep = ValueArray{deep};
+  std::optional<bool> outcome;
+  protocol_->sendStreamEvent("screen", ValueMap{{"deep", deep}}, [&](bool sent) { outcome = sent; });
+  EXPECT_EQ(outcome, false);
+}
+
+TEST_F(FrameTransmissionTest, CallbackRunsOnceWhenTheSocketGoesUnderTheWrite) {
+  openBoth();
+  // A large frame, so the write is still in flight when the socket goes.
+  int calls = 0;
+  protocol_->sendFrame(makeImage(1280, 960, true), [&](bool) { ++calls; });
+  protocol_->close();
+  ASSERT_TRUE(waitFor([&] { return calls >= 1 && streamServer_->openCount() == 0; }));
+  EXPECT_EQ(calls, 1);
+
+  // The same when the connection drops while the peer has stopped reading and
+  // frames are queued behind each other.
+  session_->updateResource(sessionMap(false, true));
+  ASSERT_TRUE(waitFor([&] { return protocol_->stream() && protocol_->stream()->isConneced(); }));
+  streamServer_->setReading(false);
+  calls = 0;
+  const FrameImage noise = makeImage(1280, 960, true);
+  for (int i = 0; i < 8; ++i) protocol_->sendFrame(noise, [&](bool) { ++calls; });
+  streamServer_->dropConnections();
+  ASSERT_TRUE(waitFor([&] { return calls == 8 && !protocol_->stream()->isConneced(); }));
+  streamServer_->setReading(true);
+  advance(std::chrono::seconds(2));  // the reconnect runs, and no callback runs twice
+  queue().poll();
+  EXPECT_EQ(calls, 8);
+}
+
+}  // namespace
+}  // namespace zephlo
