@@ -1,0 +1,375 @@
+// End to end: the real zephlo-keychain writes the host application's items, the
+// real zephlo-broadcast runs the broadcast against a local service on 127.0.0.1,
+// and the tests read what the program says and what reaches the service.
+//
+// The service side is behind LocalService, so the same cases can run against
+// any service that can be told how to answer; TestServerService is made of the
+// test tree's HTTP and WebSocket servers (REST on a thread of its own, the two
+// sockets on this test's main queue, which the tests pump while they wait).
+#include <gtest/gtest.h>
+#include <turbojpeg.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+
+#include "apps/broadcast/child_process.hpp"
+#include "zephlo/platform/main_queue.hpp"
+#include "zephlo/testing/http_test_server.hpp"
+#include "zephlo/testing/web_socket_test_server.hpp"
+
+namespace zephlo {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ChildProcess;
+
+constexpr char kSessionId[] = "E2E-SESSION";
+constexpr auto kLimit = 30s;
+
+// The session as the service describes it.
+struct SessionState {
+  std::string state = "active";
+  bool fullDevice = true;
+};
+
+class LocalService {
+ public:
+  virtual ~LocalService() = default;
+  // The API base the host application stores as "zephlo.api".
+  virtual std::string apiUrl() = 0;
+  // How the service answers the extension's full-device request and later
+  // fetches: with the session in `state`, or with an HTTP error.
+  virtual void answerWith(const SessionState& state) = 0;
+  virtual void answerWithError(int status, const std::string& message) = 0;
+  // Pushes the session in `state` on the control socket.
+  virtual void pushSession(const SessionState& state) = 0;
+  virtual void sendSync() = 0;
+  virtual void dropStreamSocket() = 0;
+  virtual bool controlConnected() = 0;
+  virtual std::size_t streamConnections() = 0;
+  // Frames received so far, and on the stream connection numbered `connection`.
+  virtual std::size_t frames() = 0;
+  virtual std::size_t framesOnConnection(std::size_t connection) = 0;
+  // Lets the service do its work until `done` or the limit.
+  virtual bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit = kLimit) = 0;
+};
+
+class TestServerService : public LocalService {
+ public:
+  TestServerService() : control_(options("control-token")), stream_(options("stream-token")) {}
+
+  std::string apiUrl() override { return http_.url(); }
+  void answerWith(const SessionState& state) override {
+    const auto body = json(state);
+    http_.route("PUT", path(), testing::HttpTestServer::Response::json(200, body));
+    http_.route("GET", path(), testing::HttpTestServer::Response::json(200, body));
+  }
+  void answerWithError(int status, const std::string& message) override {
+    http_.route("PUT", path(), testing::HttpTestServer::Response::json(status, R"({"message":")" + message + R"("})"));
+  }
+  void pushSession(const SessionState& state) override {
+    answerWith(state);
+    control_.sendMap(ValueMap{{"event", "session"}, {"data", sessionValue(state)}});
+  }
+  void sendSync() override { stream_.sendMap(ValueMap{{"event", "sync"}, {"data", Value(ValueMap{})}}); }
+  void dropStreamSocket() override { stream_.dropConnections(); }
+  bool controlConnected() override { return control_.openCount() > 0 && hasFilter(control_); }
+  std::size_t streamConnections() override { return stream_.acceptedCount(); }
+  std::size_t frames() override {
+    std::size_t n = 0;
+    for (const auto& m : stream_.received()) n += isFrame(m);
+    return n;
+  }
+  std::size_t framesOnConnection(std::size_t connection) override {
+    std::size_t n = 0;
+    for (const auto& m : stream_.received()) n += m.connection == connection && isFrame(m);
+    return n;
+  }
+  bool runUntil(const std::function<bool()>& done, std::chrono::milliseconds limit) override {
+    return platform::MainQueue::shared().runUntil(done, limit);
+  }
+
+ private:
+  static testing::WebSocketTestServer::Options options(const std::string& token) {
+    testing::WebSocketTestServer::Options o;
+    o.bearerToken = token;
+    o.autoAcknowledge = true;
+    return o;
+  }
+  static std::string path() { return std::string("/api/1/sessions/") + kSessionId; }
+  static bool isFrame(const testing::WebSocketTestServer::Message& m) {
+    if (!m.value || !m.value->asMap()) return false;
+    const Value event = m.value->asMap()->get("event");
+    return event.asString() && *event.asString() == "frame";
+  }
+  static bool hasFilter(const testing::WebSocketTestServer& server) {
+    for (const auto& m : server.receivedMaps()) {
+      const Value event = m.get("event");
+      if (event.asString() && *event.asString() == "filter") return true;
+    }
+    return false;
+  }
+  Value sessionValue(const SessionState& s) {
+    return Value(ValueMap{{"type", "Session"},
+                          {"id", kSessionId},
+                          {"state", Value(s.state)},
+                          {"full_device", s.fullDevice},
+                          {"scale", 0.5},
+                          {"control_url", Value(control_.url(""))},
+                          {"control_token", "control-token"},
+                          {"stream_url", Value(stream_.url(""))},
+                          {"stream_token", "stream-token"}});
+  }
+  std::string json(const SessionState& s) {
+    return std::string(R"({"type":"Session","id":")") + kSessionId + R"(","state":")" + s.state +
+           R"(","full_device":)" + (s.fullDevice ? "true" : "false") + R"(,"scale":0.5,"control_url":")" +
+           control_.url("") + R"(","control_token":"control-token","stream_url":")" + stream_.url("") +
+           R"(","stream_token":"stream-token"})";
+  }
+
+  testing::HttpTestServer http_;
+  testing::WebSocketTestServer control_;
+  testing::WebSocketTestServer stream_;
+};
+
+class BroadcastEndToEndTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    platform::MainQueue::shared().reset(platform::ClockKind::Real);
+    dir_ = std::filesystem::temp_directory_path() /
+           ("zephlo-e2e-" + std::to_string(::getpid()) + "-" +
+            ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::remove_all(dir_);
+    std::filesystem::create_directories(dir_);
+    bundle_ = (dir_ / "bundle.json").string();
+    std::ofstream(bundle_) << R"({
+      "CFBundleIdentifier": "com.example.e2e.broadcast",
+      "CFBundleName": "E2EBroadcast",
+      "CFBundleVersion": "7",
+      "CFBundleShortVersionString": "1.0",
+      "keychain-access-groups": ["E2ETEAM001.com.example.e2e.broadcast", "E2ETEAM001.zephlo"]
+    })";
+    keychain_ = (dir_ / "keychain.db").string();
+    service_ = std::make_unique<TestServerService>();
+  }
+  void TearDown() override {
+    broadcast_.reset();
+    service_.reset();
+    platform::MainQueue::shared().reset(platform::ClockKind::Real);
+    std::filesystem::remove_all(dir_);
+  }
+
+  // Runs zephlo-keychain; returns its exit status and its output.
+  int keychain(std::vector<std::string> args, std::string* out = nullptr) {
+    args.insert(args.begin(), {"--bundle", bundle_, "--keychain", keychain_});
+    ChildProcess tool(ZEPHLO_KEYCHAIN_PROGRAM, args);
+    auto status = tool.wait(kLimit);
+    if (out) {
+      auto lines = tool.stdoutLines();
+      *out = lines.empty() ? "" : lines.front();
+    }
+    return status.value_or(-1);
+  }
+  void storeApi() { ASSERT_EQ(keychain({"set", "zephlo.api", service_->apiUrl()}), 0); }
+  void storeSession() { ASSERT_EQ(keychain({"set", "zephlo.session", kSessionId}), 0); }
+
+  void startBroadcast(std::vector<std::string> extra = {}) {
+    std::vector<std::string> args{"--bundle",     bundle_, "--keychain",      keychain_, "--screen",
+                                  "100x200@2",    "--sample-rate", "10"};
+    args.insert(args.end(), extra.begin(), extra.end());
+    broadcast_ = std::make_unique<ChildProcess>(ZEPHLO_BROADCAST_PROGRAM, args);
+    ASSERT_GT(broadcast_->pid(), 0);
+  }
+  bool waitForStderr(const std::string& line) {
+    return service_->runUntil([&] { return broadcast_->hasStderrLine(line); });
+  }
+  // The program's exit status, while the service keeps serving.
+  std::optional<int> exitStatus() {
+    std::optional<int> status;
+    service_->runUntil([&] { return (status = broadcast_->wait(0ms)).has_value(); });
+    return status;
+  }
+  // The broadcast ends with `message`: logged alone (unless `logged` is false),
+  // then "Broadcast ended: <message>", then exit status 3. A rule that fires on
+  // every session update may log its message again (the control socket's fetch
+  // can land within the 200 ms before the end), so repeats are allowed.
+  void expectEndedWith(const std::string& message, bool logged = true) {
+    ASSERT_TRUE(waitForStderr("Broadcast ended: " + message)) << stderrText();
+    EXPECT_EQ(exitStatus(), 3) << stderrText();
+    auto lines = broadcast_->stderrLines();
+    ASSERT_FALSE(lines.empty());
+    EXPECT_EQ(lines.back(), "Broadcast ended: " + message) << stderrText();
+    lines.pop_back();
+    if (logged) {
+      EXPECT_FALSE(lines.empty()) << stderrText();
+      for (const auto& line : lines) EXPECT_EQ(line, message) << stderrText();
+    } else {
+      EXPECT_TRUE(lines.empty()) << stderrText();
+    }
+  }
+  // The --stats lines so far (stdout also carries the socket's diagnostics).
+  std::vector<std::string> statsLines() {
+    std::vector<std::string> lines;
+    for (auto& line : broadcast_->stdoutLines()) {
+      if (line.starts_with("stats: ")) lines.push_back(line);
+    }
+    return lines;
+  }
+  // "stats: sent N" of a status line.
+  static std::string sentPart(const std::string& line) { return line.substr(0, line.find(',')); }
+  std::string stderrText() {
+    std::string text;
+    for (const auto& l : broadcast_->stderrLines()) text += l + "\n";
+    return text;
+  }
+  // Writes a JPEG of one colour into `folder`.
+  void writeJpeg(const std::filesystem::path& file) {
+    std::vector<std::uint8_t> rgb(64 * 64 * 3, 90);
+    tjhandle tj = tjInitCompress();
+    unsigned char* jpeg = nullptr;
+    unsigned long size = 0;
+    tjCompress2(tj, rgb.data(), 64, 64 * 3, 64, TJPF_RGB, &jpeg, &size, TJSAMP_420, 90, 0);
+    std::ofstream(file, std::ios::binary).write(reinterpret_cast<const char*>(jpeg), static_cast<std::streamsize>(size));
+    tjFree(jpeg);
+    tjDestroy(tj);
+  }
+
+  std::filesystem::path dir_;
+  std::string bundle_;
+  std::string keychain_;
+  std::unique_ptr<LocalService> service_;
+  std::unique_ptr<ChildProcess> broadcast_;
+};
+
+// --- Every way the extension ends the broadcast ---
+
+TEST_F(BroadcastEndToEndTest, NoApiItemEndsWithApiMissing) {
+  startBroadcast();
+  expectEndedWith("API missing");
+}
+
+TEST_F(BroadcastEndToEndTest, NoSessionItemEndsWithNoSessionAvailable) {
+  storeApi();
+  startBroadcast();
+  expectEndedWith("No session available");
+}
+
+TEST_F(BroadcastEndToEndTest, FailedFullDeviceRequestEndsAtOnceWithTheServicesMessage) {
+  storeApi();
+  storeSession();
+  service_->answerWithError(404, "Session E2E-SESSION does not exist");
+  startBroadcast();
+  expectEndedWith("Session E2E-SESSION does not exist", /*logged=*/false);
+}
+
+TEST_F(BroadcastEndToEndTest, SessionNotActiveEndsWithNotActivatedYet) {
+  storeApi();
+  storeSession();
+  service_->answerWith({"pending", true});
+  startBroadcast();
+  expectEndedWith("Zephlo session wasn't activated yet");
+}
+
+TEST_F(BroadcastEndToEndTest, FullDeviceOffAtStartEnds) {
+  storeApi();
+  storeSession();
+  service_->answerWith({"active", false});
+  startBroadcast();
+  expectEndedWith("Full device mode switched off");
+  EXPECT_EQ(service_->frames(), 0u);
+}
+
+TEST_F(BroadcastEndToEndTest, FullDeviceSwitchedOffWhileStreamingEnds) {
+  storeApi();
+  storeSession();
+  service_->answerWith({"active", true});
+  startBroadcast();
+  ASSERT_TRUE(service_->runUntil([&] { return service_->frames() >= 1 && service_->controlConnected(); }))
+      << stderrText();
+  service_->pushSession({"active", false});
+  expectEndedWith("Full device mode switched off");
+}
+
+TEST_F(BroadcastEndToEndTest, SessionEndedEndsAndForgetsTheSessionItem) {
+  storeApi();
+  storeSession();
+  service_->answerWith({"active", true});
+  startBroadcast();
+  ASSERT_TRUE(service_->runUntil([&] { return service_->frames() >= 1 && service_->controlConnected(); }))
+      << stderrText();
+  service_->pushSession({"ended", true});
+  expectEndedWith("Session ended");
+  std::string value;
+  EXPECT_EQ(keychain({"get", "zephlo.session"}, &value), 1) << value;
+  EXPECT_EQ(keychain({"get", "zephlo.api"}, &value), 0);
+  EXPECT_EQ(value, service_->apiUrl());
+}
+
+// --- Streaming ---
+
+TEST_F(BroadcastEndToEndTest, FramesFlowPauseAndResumeBySignalAndResumeAfterTheStreamSocketDrops) {
+  storeApi();
+  storeSession();
+  service_->answerWith({"active", true});
+  startBroadcast({"--stats"});
+  // The test pattern changes once a second, so frames keep coming.
+  ASSERT_TRUE(service_->runUntil([&] { return service_->frames() >= 2; })) << stderrText();
+
+  broadcast_->signal(SIGUSR1);
+  ASSERT_TRUE(waitForStderr("Broadcast paused"));
+  // While paused nothing is captured: the sent count stands still across the
+  // status lines written after the pause.
+  const auto linesAtPause = statsLines().size();
+  ASSERT_TRUE(service_->runUntil([&] { return statsLines().size() >= linesAtPause + 3; }));
+  auto stats = statsLines();
+  EXPECT_EQ(sentPart(stats[linesAtPause + 1]), sentPart(stats[linesAtPause + 2]));
+  const auto framesWhilePaused = service_->frames();
+
+  broadcast_->signal(SIGUSR2);
+  ASSERT_TRUE(waitForStderr("Broadcast resumed"));
+  ASSERT_TRUE(service_->runUntil([&] { return service_->frames() > framesWhilePaused; }));
+
+  service_->dropStreamSocket();
+  ASSERT_TRUE(service_->runUntil([&] { return service_->framesOnConnection(1) >= 1; })) << stderrText();
+  EXPECT_EQ(service_->streamConnections(), 2u);
+
+  broadcast_->signal(SIGTERM);
+  EXPECT_EQ(exitStatus(), 0) << stderrText();
+  EXPECT_EQ(broadcast_->stderrLines(),
+            (std::vector<std::string>{"Broadcast paused", "Broadcast resumed", "Broadcast finished"}));
+  for (const auto& line : broadcast_->stdoutLines()) {
+    if (line.starts_with("stats: ")) {
+      EXPECT_NE(line.find(", dropped "), std::string::npos) << line;
+      EXPECT_NE(line.find(", quality "), std::string::npos) << line;
+    }
+  }
+}
+
+TEST_F(BroadcastEndToEndTest, ASyncSendsAFrameOfAStillScreen) {
+  storeApi();
+  storeSession();
+  service_->answerWith({"active", true});
+  std::filesystem::create_directories(dir_ / "still");
+  writeJpeg(dir_ / "still" / "only.jpg");
+  startBroadcast({"--source", "images:" + (dir_ / "still").string(), "--stats"});
+  ASSERT_TRUE(service_->runUntil([&] { return service_->frames() >= 1; })) << stderrText();
+  // The screen is still: the status lines go on counting one frame sent.
+  const auto lines = statsLines().size();
+  ASSERT_TRUE(service_->runUntil([&] { return statsLines().size() >= lines + 2; }));
+  EXPECT_EQ(sentPart(statsLines()[lines + 1]), "stats: sent 1");
+  EXPECT_EQ(service_->frames(), 1u);
+
+  service_->sendSync();
+  ASSERT_TRUE(service_->runUntil([&] { return service_->frames() == 2; }));
+
+  broadcast_->signal(SIGINT);
+  EXPECT_EQ(exitStatus(), 0);
+  EXPECT_EQ(broadcast_->stderrLines(), std::vector<std::string>{"Broadcast finished"});
+}
+
+}  // namespace
+}  // namespace zephlo

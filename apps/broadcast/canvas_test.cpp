@@ -1,0 +1,84 @@
+#include "apps/broadcast/canvas.hpp"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+
+#include "apps/broadcast/pixel_conversion.hpp"
+
+namespace zephlo {
+namespace {
+
+using platform::PixelBuffer;
+using platform::PixelFormat;
+
+bool near(Rgb a, Rgb b, int tolerance) {
+  return std::abs(a.r - b.r) <= tolerance && std::abs(a.g - b.g) <= tolerance && std::abs(a.b - b.b) <= tolerance;
+}
+
+class CanvasTest : public ::testing::TestWithParam<PixelFormat> {};
+
+TEST_P(CanvasTest, FillsOnlyTheRectangleClippedToTheBuffer) {
+  auto buffer = PixelBuffer::create(GetParam(), 16, 8);
+  Canvas canvas(*buffer);
+  canvas.fill({0, 0, 16, 8}, {0, 0, 0});
+  canvas.fill({4, 2, 100, 2}, {200, 40, 40});
+  EXPECT_TRUE(near(canvas.at(4, 2), {200, 40, 40}, 3));
+  EXPECT_TRUE(near(canvas.at(15, 3), {200, 40, 40}, 3));
+  EXPECT_TRUE(near(canvas.at(4, 4), {0, 0, 0}, 3));
+  EXPECT_TRUE(near(canvas.at(2, 2), {0, 0, 0}, 3));
+}
+
+TEST_P(CanvasTest, GradientsRunFromOneColourToTheOther) {
+  auto buffer = PixelBuffer::create(GetParam(), 64, 64);
+  Canvas canvas(*buffer);
+  canvas.verticalGradient({0, 0, 64, 32}, {0, 0, 0}, {250, 250, 250});
+  canvas.horizontalGradient({0, 32, 64, 32}, {250, 0, 0}, {0, 0, 250});
+  EXPECT_TRUE(near(canvas.at(10, 0), {0, 0, 0}, 3));
+  EXPECT_TRUE(near(canvas.at(10, 31), {250, 250, 250}, 3));
+  EXPECT_GT(canvas.at(10, 20).g, canvas.at(10, 10).g);
+  EXPECT_TRUE(near(canvas.at(0, 40), {250, 0, 0}, 12));
+  EXPECT_TRUE(near(canvas.at(63, 40), {0, 0, 250}, 12));
+}
+
+TEST_P(CanvasTest, DigitsAreDrawnAsDots) {
+  auto buffer = PixelBuffer::create(GetParam(), 40, 16);
+  Canvas canvas(*buffer);
+  canvas.fill({0, 0, 40, 16}, {0, 0, 0});
+  canvas.text(0, 0, "1", 2, {255, 255, 255});
+  // "1": the stem is the middle column, the top-left dot is off.
+  EXPECT_GT(canvas.at(4, 6).g, 200);
+  EXPECT_LT(canvas.at(0, 0).g, 60);
+  EXPECT_EQ(Canvas::textWidth("12:34", 2), 5 * 12 - 2);
+}
+
+INSTANTIATE_TEST_SUITE_P(Formats, CanvasTest, ::testing::Values(PixelFormat::BGRA, PixelFormat::NV12));
+
+TEST(PixelConversionTest, Nv12ConversionMatchesThePlatformsOwn) {
+  auto bgra = PixelBuffer::create(PixelFormat::BGRA, 7, 5);
+  for (int y = 0; y < 5; ++y) {
+    for (int x = 0; x < 7; ++x) {
+      std::uint8_t* p = bgra->mutablePlane(0) + y * bgra->stride(0) + 4 * x;
+      p[0] = static_cast<std::uint8_t>(30 * x);
+      p[1] = static_cast<std::uint8_t>(50 * y);
+      p[2] = static_cast<std::uint8_t>(255 - 20 * x - 10 * y);
+      p[3] = 255;
+    }
+  }
+  auto expected = PixelBuffer::nv12From(*bgra);
+  auto converted = PixelBuffer::create(PixelFormat::NV12, 7, 5);
+  convertBgraToNv12(bgra->plane(0), bgra->stride(0), 7, 5, *converted);
+  for (int plane = 0; plane < 2; ++plane) {
+    for (int y = 0; y < expected->planeHeight(plane); ++y) {
+      const int rowBytes = plane == 0 ? expected->planeWidth(0) : 2 * expected->planeWidth(1);
+      for (int i = 0; i < rowBytes; ++i) {
+        const int a = expected->plane(plane)[y * expected->stride(plane) + i];
+        const int b = converted->plane(plane)[y * converted->stride(plane) + i];
+        EXPECT_LE(std::abs(a - b), 1) << "plane " << plane << " row " << y << " byte " << i;
+      }
+    }
+  }
+}
+
+}  // namespace
+}  // namespace zephlo

@@ -1,0 +1,114 @@
+#include "apps/broadcast/image_folder_source.hpp"
+
+#include <gtest/gtest.h>
+#include <turbojpeg.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+
+#include "apps/broadcast/canvas.hpp"
+
+namespace zephlo {
+namespace {
+
+using namespace std::chrono_literals;
+using platform::PixelFormat;
+
+// A JPEG of `width` x `height` pixels all of `colour`.
+std::vector<std::uint8_t> jpegOf(int width, int height, Rgb colour) {
+  std::vector<std::uint8_t> bgr(static_cast<std::size_t>(width) * height * 3);
+  for (std::size_t i = 0; i < bgr.size(); i += 3) {
+    bgr[i] = colour.b;
+    bgr[i + 1] = colour.g;
+    bgr[i + 2] = colour.r;
+  }
+  tjhandle tj = tjInitCompress();
+  unsigned char* jpeg = nullptr;
+  unsigned long size = 0;
+  tjCompress2(tj, bgr.data(), width, width * 3, height, TJPF_BGR, &jpeg, &size, TJSAMP_444, 95, 0);
+  std::vector<std::uint8_t> out(jpeg, jpeg + size);
+  tjFree(jpeg);
+  tjDestroy(tj);
+  return out;
+}
+
+bool near(Rgb a, Rgb b) { return std::abs(a.r - b.r) <= 8 && std::abs(a.g - b.g) <= 8 && std::abs(a.b - b.b) <= 8; }
+
+class ImageFolderSourceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    dir_ = std::filesystem::temp_directory_path() / ("zephlo-images-" + std::to_string(::getpid()));
+    std::filesystem::remove_all(dir_);
+    std::filesystem::create_directories(dir_);
+  }
+  void TearDown() override { std::filesystem::remove_all(dir_); }
+  void write(const std::string& name, const std::vector<std::uint8_t>& bytes) {
+    std::ofstream(dir_ / name, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+  }
+  Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
+    auto& buffer = const_cast<platform::PixelBuffer&>(*sample.imageBuffer());
+    return Canvas(buffer).at(x, y);
+  }
+
+  std::filesystem::path dir_;
+};
+
+TEST_F(ImageFolderSourceTest, ShowsTheJpegsInNameOrderOneASecondThenStartsAgain) {
+  write("b.jpg", jpegOf(16, 16, {0, 200, 0}));
+  write("a.jpeg", jpegOf(16, 16, {200, 0, 0}));
+  write("c.JPG", jpegOf(16, 16, {0, 0, 200}));
+  write("notes.txt", {1, 2, 3});
+  std::string error;
+  auto source = ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 32, 32, 1, &error);
+  ASSERT_TRUE(source) << error;
+  ASSERT_EQ(source->files().size(), 3u);
+
+  const Rgb expected[] = {{200, 0, 0}, {0, 200, 0}, {0, 0, 200}, {200, 0, 0}};
+  for (int second = 0; second < 4; ++second) {
+    auto sample = source->sampleAt(std::chrono::seconds(second) + 500ms);
+    ASSERT_TRUE(sample);
+    EXPECT_TRUE(near(colourAt(*sample, 16, 16), expected[second])) << "second " << second;
+  }
+}
+
+TEST_F(ImageFolderSourceTest, APictureIsLetterboxedOnBlackAndKeepsItsBufferWithinItsSecond) {
+  write("wide.jpg", jpegOf(40, 20, {250, 250, 250}));
+  std::string error;
+  for (PixelFormat format : {PixelFormat::BGRA, PixelFormat::NV12}) {
+    auto source = ImageFolderSource::open(dir_.string(), format, 100, 100, 8, &error);
+    ASSERT_TRUE(source) << error;
+    auto sample = source->sampleAt(0ms);
+    ASSERT_TRUE(sample);
+    EXPECT_EQ(sample->orientationAttachment(), 8);
+    EXPECT_EQ(sample->imageBuffer()->format(), format);
+    // 40x20 fits 100x100 as 100x50, centred: rows 25 to 74.
+    EXPECT_TRUE(near(colourAt(*sample, 50, 10), {0, 0, 0}));
+    EXPECT_TRUE(near(colourAt(*sample, 50, 50), {250, 250, 250}));
+    EXPECT_TRUE(near(colourAt(*sample, 2, 30), {250, 250, 250}));
+    EXPECT_TRUE(near(colourAt(*sample, 50, 90), {0, 0, 0}));
+    EXPECT_EQ(source->sampleAt(999ms)->imageBuffer(), sample->imageBuffer());
+  }
+}
+
+TEST_F(ImageFolderSourceTest, AFileThatDoesNotDecodeShowsBlack) {
+  write("broken.jpg", {0xFF, 0xD8, 0x00, 0x01});
+  std::string error;
+  auto source = ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 8, 8, 1, &error);
+  ASSERT_TRUE(source);
+  auto sample = source->sampleAt(0ms);
+  ASSERT_TRUE(sample);
+  EXPECT_TRUE(near(colourAt(*sample, 4, 4), {0, 0, 0}));
+}
+
+TEST_F(ImageFolderSourceTest, AFolderWithoutJpegsOrMissingIsRefused) {
+  std::string error;
+  EXPECT_FALSE(ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 8, 8, 1, &error));
+  EXPECT_NE(error.find("no JPEG"), std::string::npos);
+  error.clear();
+  EXPECT_FALSE(ImageFolderSource::open((dir_ / "missing").string(), PixelFormat::BGRA, 8, 8, 1, &error));
+  EXPECT_FALSE(error.empty());
+}
+
+}  // namespace
+}  // namespace zephlo

@@ -1,0 +1,17 @@
+#include "apps/broadcast/pixel_buffer_pool.hpp"
+
+namespace zephlo {
+
+PixelBufferPool::PixelBufferPool(platform::PixelFormat format, int width, int height)
+    : format_(format), width_(width), height_(height) {}
+
+std::shared_ptr<platform::PixelBuffer> PixelBufferPool::acquire() {
+  for (const auto& buffer : buffers_) {
+    if (buffer.use_count() == 1) return buffer;
+  }
+  auto buffer = platform::PixelBuffer::create(format_, width_, height_);
+  if (buffer) buffers_.push_back(buffer);
+  return buffer;
+}
+
+}  // namespace zephlo

@@ -1,0 +1,40 @@
+#include "apps/broadcast/pixel_buffer_pool.hpp"
+
+#include <gtest/gtest.h>
+
+namespace zephlo {
+namespace {
+
+TEST(PixelBufferPoolTest, ABufferComesBackOnceEveryHolderLetsGo) {
+  PixelBufferPool pool(platform::PixelFormat::BGRA, 8, 4);
+  auto first = pool.acquire();
+  ASSERT_TRUE(first);
+  std::shared_ptr<const platform::PixelBuffer> heldElsewhere = first;
+  auto* address = first.get();
+  first.reset();
+
+  auto second = pool.acquire();
+  EXPECT_NE(second.get(), address) << "still held by someone else";
+  EXPECT_EQ(pool.size(), 2u);
+
+  heldElsewhere.reset();
+  second.reset();
+  auto third = pool.acquire();
+  auto fourth = pool.acquire();
+  EXPECT_EQ(pool.size(), 2u);
+  EXPECT_NE(third.get(), fourth.get());
+}
+
+TEST(PixelBufferPoolTest, BuffersHaveThePoolsFormatAndSize) {
+  PixelBufferPool pool(platform::PixelFormat::NV12, 6, 4);
+  auto buffer = pool.acquire();
+  ASSERT_TRUE(buffer);
+  EXPECT_EQ(buffer->format(), platform::PixelFormat::NV12);
+  EXPECT_EQ(buffer->width(), 6);
+  EXPECT_EQ(buffer->height(), 4);
+  PixelBufferPool impossible(platform::PixelFormat::BGRA, 0, 4);
+  EXPECT_FALSE(impossible.acquire());
+}
+
+}  // namespace
+}  // namespace zephlo

@@ -1,0 +1,47 @@
+#include "apps/broadcast/pixel_conversion.hpp"
+
+#include <algorithm>
+#include <cstring>
+
+namespace zephlo {
+
+namespace {
+// Fixed point with 16 fractional bits; the +0.5 rounds.
+constexpr int kOne = 1 << 16;
+constexpr int fix(double v) { return static_cast<int>(v * kOne + (v < 0 ? -0.5 : 0.5)); }
+std::uint8_t clip(int v) { return static_cast<std::uint8_t>(std::clamp(v, 0, 255)); }
+}  // namespace
+
+void convertBgraToNv12(const std::uint8_t* bgra, int stride, int width, int height, platform::PixelBuffer& nv12) {
+  for (int y = 0; y < height; ++y) {
+    const std::uint8_t* in = bgra + static_cast<std::ptrdiff_t>(y) * stride;
+    std::uint8_t* luma = nv12.mutablePlane(0) + static_cast<std::ptrdiff_t>(y) * nv12.stride(0);
+    for (int x = 0; x < width; ++x) {
+      luma[x] = clip((fix(0.299) * in[4 * x + 2] + fix(0.587) * in[4 * x + 1] + fix(0.114) * in[4 * x] + kOne / 2) >> 16);
+    }
+  }
+  for (int cy = 0; cy < (height + 1) / 2; ++cy) {
+    std::uint8_t* chroma = nv12.mutablePlane(1) + static_cast<std::ptrdiff_t>(cy) * nv12.stride(1);
+    const int y0 = 2 * cy, y1 = std::min(2 * cy + 1, height - 1);
+    const std::uint8_t* r0 = bgra + static_cast<std::ptrdiff_t>(y0) * stride;
+    const std::uint8_t* r1 = bgra + static_cast<std::ptrdiff_t>(y1) * stride;
+    for (int cx = 0; cx < (width + 1) / 2; ++cx) {
+      const int x0 = 2 * cx, x1 = std::min(2 * cx + 1, width - 1);
+      const int b = r0[4 * x0] + r0[4 * x1] + r1[4 * x0] + r1[4 * x1];
+      const int g = r0[4 * x0 + 1] + r0[4 * x1 + 1] + r1[4 * x0 + 1] + r1[4 * x1 + 1];
+      const int r = r0[4 * x0 + 2] + r0[4 * x1 + 2] + r1[4 * x0 + 2] + r1[4 * x1 + 2];
+      // Sums of four pixels: divide by 4 inside the shift.
+      chroma[2 * cx] = clip(((fix(-0.168736) * r + fix(-0.331264) * g + fix(0.5) * b) / 4 + 128 * kOne + kOne / 2) >> 16);
+      chroma[2 * cx + 1] = clip(((fix(0.5) * r + fix(-0.418688) * g + fix(-0.081312) * b) / 4 + 128 * kOne + kOne / 2) >> 16);
+    }
+  }
+}
+
+void copyBgra(const std::uint8_t* bgra, int stride, int width, int height, platform::PixelBuffer& out) {
+  for (int y = 0; y < height; ++y) {
+    std::memcpy(out.mutablePlane(0) + static_cast<std::ptrdiff_t>(y) * out.stride(0),
+                bgra + static_cast<std::ptrdiff_t>(y) * stride, static_cast<std::size_t>(width) * 4);
+  }
+}
+
+}  // namespace zephlo

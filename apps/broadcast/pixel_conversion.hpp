@@ -1,0 +1,20 @@
+// Writes a BGRA picture into an NV12 buffer of the same size (JFIF YCbCr, BT.601
+// weights over the full range; each Cb/Cr pair from the average of its 2x2
+// pixels), so that sources holding BGRA can fill pooled NV12 buffers without
+// allocating. Pure function; any thread.
+#pragma once
+
+#include <cstdint>
+
+#include "zephlo/platform/pixel_buffer.hpp"
+
+namespace zephlo {
+
+// `bgra` points at the first of `height` rows of `width` BGRA pixels, `stride`
+// bytes apart. `nv12` must be NV12 and at least that large.
+void convertBgraToNv12(const std::uint8_t* bgra, int stride, int width, int height, platform::PixelBuffer& nv12);
+
+// Copies `height` rows of `width` BGRA pixels into the BGRA buffer `out`.
+void copyBgra(const std::uint8_t* bgra, int stride, int width, int height, platform::PixelBuffer& out);
+
+}  // namespace zephlo
