@@ -63,6 +63,9 @@ inline constexpr std::string_view kControlToken = "control_token";
 inline constexpr std::string_view kStreamUrl = "stream_url";
 inline constexpr std::string_view kStreamToken = "stream_token";
 inline constexpr std::string_view kMessage = "message";
+// Sent by the client when it activates a session (and with a device registration).
+inline constexpr std::string_view kDevice = "device";
+inline constexpr std::string_view kCustomData = "custom_data";
 
 inline constexpr std::string_view kStatePending = "pending";
 inline constexpr std::string_view kStateAuthorizing = "authorizing";

@@ -1,0 +1,164 @@
+#include "apps/service/session_store.hpp"
+
+#include <gtest/gtest.h>
+
+#include <regex>
+
+#include "zephlo/core/json.hpp"
+#include "zephlo/platform/main_queue.hpp"
+#include "zephlo/socket/wire_format.hpp"
+
+namespace zephlo::service {
+namespace {
+
+Value parse(std::string_view text) {
+  auto v = json::parse(text);
+  EXPECT_TRUE(v) << text;
+  return v ? *v : Value();
+}
+
+class SessionStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override { platform::MainQueue::shared().reset(platform::ClockKind::Manual); }
+  SessionStore store_;
+};
+
+TEST_F(SessionStoreTest, CreatesAPendingSessionWithSocketsOnThisServer) {
+  Session& s = store_.create("ws://127.0.0.1:9999");
+  const ValueMap& r = s.resource;
+  EXPECT_EQ(r.get("type"), Value("Session"));
+  EXPECT_EQ(r.get("id"), Value(s.id));
+  EXPECT_EQ(r.get("state"), Value("pending"));
+  EXPECT_EQ(r.get("full_device"), Value(false));
+  EXPECT_EQ(r.get("require_consent"), Value(false));
+  EXPECT_EQ(r.get("scale"), Value(0.5));
+  EXPECT_TRUE(std::regex_match(s.code, std::regex("[0-9]{6}")));
+  EXPECT_EQ(r.get("code"), Value(s.code));
+  EXPECT_EQ(r.get("control_url"), Value("ws://127.0.0.1:9999/sessions/" + s.id + "/control"));
+  EXPECT_EQ(r.get("stream_url"), Value("ws://127.0.0.1:9999/sessions/" + s.id + "/stream"));
+  const std::string control = s.token("control_token");
+  const std::string stream = s.token("stream_token");
+  EXPECT_TRUE(std::regex_match(control, std::regex("[0-9a-f]{32}")));
+  EXPECT_TRUE(std::regex_match(stream, std::regex("[0-9a-f]{32}")));
+  EXPECT_NE(control, stream);
+
+  Session& other = store_.create("ws://h:1");
+  EXPECT_NE(other.id, s.id);
+  EXPECT_NE(other.code, s.code);
+  EXPECT_NE(other.token("control_token"), control);
+  EXPECT_EQ(store_.find(s.id), &s);
+  EXPECT_EQ(store_.find(s.code), &s);
+  EXPECT_EQ(store_.find("nope"), nullptr);
+  ASSERT_EQ(store_.sessions().size(), 2u);
+  EXPECT_EQ(store_.sessions()[0], &s);
+}
+
+TEST_F(SessionStoreTest, MergesKnownFieldsAndIgnoresTheRest) {
+  Session& s = store_.create("ws://h:1");
+  const ValueMap before = s.resource;
+  auto result = store_.update(
+      s, parse(R"({"state":"active","full_device":true,"scale":0.25,"device":{"model":"x"},
+                   "custom_data":{"a":1},"redaction_selectors":[[{"tag":"input"}]],
+                   "id":"other","control_token":"stolen","bogus":1})"));
+  EXPECT_FALSE(result.error);
+  EXPECT_TRUE(result.changed);
+  EXPECT_EQ(s.state(), "active");
+  EXPECT_EQ(s.resource.get("full_device"), Value(true));
+  EXPECT_EQ(s.resource.get("scale"), Value(0.25));
+  EXPECT_EQ(s.resource.get("device"), parse(R"({"model":"x"})"));
+  EXPECT_EQ(s.resource.get("custom_data"), parse(R"({"a":1})"));
+  // Identity and credentials are the service's own; unknown fields are dropped.
+  EXPECT_EQ(s.resource.get("id"), before.get("id"));
+  EXPECT_EQ(s.resource.get("control_token"), before.get("control_token"));
+  EXPECT_FALSE(s.resource.contains("bogus"));
+
+  // The same body again changes nothing.
+  result = store_.update(s, parse(R"({"state":"active","full_device":true})"));
+  EXPECT_FALSE(result.error);
+  EXPECT_FALSE(result.changed);
+}
+
+TEST_F(SessionStoreTest, RefusesBadBodiesWholeAndChangesNothing) {
+  struct Case {
+    const char* body;
+    int status;
+  };
+  const Case cases[] = {
+      {R"([1,2])", 400},
+      {R"({"state":"paused"})", 422},
+      {R"({"state":3})", 422},
+      {R"({"full_device":"yes"})", 422},
+      {R"({"require_consent":1})", 422},
+      {R"({"scale":0})", 422},
+      {R"({"scale":"0.5"})", 422},
+      {R"({"device":[1]})", 422},
+      {R"({"custom_data":"x"})", 422},
+      {R"({"redaction_selectors":{}})", 422},
+      {R"({"agent":{"id":"a"}})", 422},
+      // A good field next to a bad one is not applied either.
+      {R"({"full_device":true,"state":"nope"})", 422},
+  };
+  Session& s = store_.create("ws://h:1");
+  const ValueMap before = s.resource;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.body);
+    const auto result = store_.update(s, parse(c.body));
+    ASSERT_TRUE(result.error);
+    EXPECT_EQ(result.error->status, c.status);
+    EXPECT_FALSE(result.error->message.empty());
+    EXPECT_EQ(s.resource, before);
+  }
+}
+
+TEST_F(SessionStoreTest, AnEndedSessionStaysEnded) {
+  Session& s = store_.create("ws://h:1");
+  ASSERT_FALSE(store_.update(s, parse(R"({"state":"ended"})")).error);
+  const auto revive = store_.update(s, parse(R"({"state":"active"})"));
+  ASSERT_TRUE(revive.error);
+  EXPECT_EQ(revive.error->status, 409);
+  EXPECT_EQ(s.state(), "ended");
+  EXPECT_FALSE(store_.update(s, parse(R"({"state":"ended"})")).error);
+}
+
+TEST_F(SessionStoreTest, AnInjectedFullDeviceFailureAnswersTheNextFullDeviceChangeOnly) {
+  Session& s = store_.create("ws://h:1");
+  s.fullDeviceFailure = ServiceError{503, "No capacity"};
+  // Bodies without "full_device" pass.
+  EXPECT_FALSE(store_.update(s, parse(R"({"state":"active"})")).error);
+  const auto refused = store_.update(s, parse(R"({"full_device":true})"));
+  ASSERT_TRUE(refused.error);
+  EXPECT_EQ(refused.error->status, 503);
+  EXPECT_EQ(refused.error->message, "No capacity");
+  EXPECT_EQ(s.resource.get("full_device"), Value(false));
+  EXPECT_FALSE(store_.update(s, parse(R"({"full_device":true})")).error);
+  EXPECT_EQ(s.resource.get("full_device"), Value(true));
+}
+
+TEST_F(SessionStoreTest, StoresMergesAndDeletesDevices) {
+  ServiceError error;
+  auto device = store_.putDevice("D1", parse(R"({"push_token":"0aff","custom_data":{"a":1},"id":"x"})"), &error);
+  ASSERT_TRUE(device);
+  EXPECT_EQ(device->get("id"), Value("D1"));
+  EXPECT_EQ(device->get("type"), Value("Device"));
+  EXPECT_EQ(device->get("push_token"), Value("0aff"));
+  EXPECT_EQ(device->get(wire::kNextRegistration), Value(std::uint64_t{3600}));
+  EXPECT_FALSE(device->contains(wire::kNotificationUrl));
+
+  device = store_.putDevice("D1", parse(R"({"push_provider":"APNS"})"), &error);
+  ASSERT_TRUE(device);
+  EXPECT_EQ(device->get("push_token"), Value("0aff"));
+  EXPECT_EQ(device->get("push_provider"), Value("APNS"));
+
+  EXPECT_FALSE(store_.putDevice("D2", parse("[1]"), &error));
+  EXPECT_EQ(error.status, 400);
+  EXPECT_EQ(store_.device("D2"), nullptr);
+
+  const auto removed = store_.deleteDevice("D1");
+  ASSERT_TRUE(removed);
+  EXPECT_EQ(removed->get("push_provider"), Value("APNS"));
+  EXPECT_FALSE(store_.deleteDevice("D1"));
+  EXPECT_EQ(store_.device("D1"), nullptr);
+}
+
+}  // namespace
+}  // namespace zephlo::service
