@@ -76,9 +76,11 @@ class StreamProtocolTest : public MainQueueTest {
   // What the REST service answers a fetch with: the control socket only, so a
   // fetch never opens the stream socket by itself, and a scale that tells it
   // from the pushed representations.
-  std::string sessionJson() const {
-    return R"({"type":"Session","id":"s-1","state":"active","scale":0.75,"control_url":")" + controlServer_->url("") +
-           R"(","control_token":"ctok"})";
+  std::string sessionJson(bool withStream = false) const {
+    std::string json = R"({"type":"Session","id":"s-1","state":"active","scale":0.75,"control_url":")" +
+                       controlServer_->url("") + R"(","control_token":"ctok")";
+    if (withStream) json += R"(,"stream_url":")" + streamServer_->url("") + R"(","stream_token":"stok")";
+    return json + "}";
   }
 
   // Messages a server received whose event is `event`, in order.
@@ -95,6 +97,8 @@ class StreamProtocolTest : public MainQueueTest {
   // Opens both sockets and waits until the stream socket is connected and has
   // sent its filter.
   void openBoth() {
+    // Fetches must keep the stream socket's fields, or its reconnects find no URL.
+    http_.route("GET", "/api/1/sessions/s-1", HttpTestServer::Response::json(200, sessionJson(true)));
     session_->updateResource(sessionMap(true, true));
     ASSERT_TRUE(waitForEvents(*streamServer_, "filter", 1));
     ASSERT_TRUE(waitFor([&] { return protocol_->stream() && protocol_->stream()->isConneced(); }));
