@@ -28,11 +28,6 @@ WebSocketTestServer::Options silentOptions() {
   o.answerUpgrades = false;
   return o;
 }
-WebSocketTestServer::Options acknowledging() {
-  WebSocketTestServer::Options o;
-  o.autoAcknowledge = true;
-  return o;
-}
 WebSocketTestServer::Options secure(testing::TlsIdentity identity) {
   WebSocketTestServer::Options o;
   o.tls = std::move(identity);

@@ -49,11 +49,6 @@ WebSocketTestServer::Options acknowledging() {
   o.autoAcknowledge = true;
   return o;
 }
-WebSocketTestServer::Options secure(testing::TlsIdentity identity) {
-  WebSocketTestServer::Options o;
-  o.tls = std::move(identity);
-  return o;
-}
 
 class CBORSocketTest : public testing::MainQueueTest {
  protected:
