@@ -1,5 +1,7 @@
 #include "zephlo/core/json.hpp"
 
+#include "zephlo/socket/utf8.hpp"
+
 #include <boost/json/basic_parser_impl.hpp>
 
 #include <charconv>
@@ -221,7 +223,7 @@ class Writer {
   }
 
   bool string(const std::string& s) {
-    if (!validUtf8(s)) return fail("text that is not UTF-8");
+    if (!isValidUtf8(s)) return fail("text that is not UTF-8");
     static constexpr char kHex[] = "0123456789abcdef";
     out_ += '"';
     for (const char c : s) {
@@ -248,44 +250,7 @@ class Writer {
     return true;
   }
 
-  // Well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-  static bool validUtf8(const std::string& s) {
-    std::size_t i = 0;
-    const std::size_t n = s.size();
-    while (i < n) {
-      const auto c = static_cast<unsigned char>(s[i]);
-      if (c < 0x80) {
-        ++i;
-        continue;
-      }
-      std::size_t len;
-      std::uint32_t cp;
-      if ((c & 0xE0) == 0xC0) {
-        len = 2;
-        cp = c & 0x1F;
-      } else if ((c & 0xF0) == 0xE0) {
-        len = 3;
-        cp = c & 0x0F;
-      } else if ((c & 0xF8) == 0xF0) {
-        len = 4;
-        cp = c & 0x07;
-      } else {
-        return false;
-      }
-      if (i + len > n) return false;
-      for (std::size_t k = 1; k < len; ++k) {
-        const auto cc = static_cast<unsigned char>(s[i + k]);
-        if ((cc & 0xC0) != 0x80) return false;
-        cp = (cp << 6) | (cc & 0x3F);
-      }
-      static constexpr std::uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-      if (cp < kMin[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return false;
-      i += len;
-    }
-    return true;
-  }
-
-  std::string out_;
+    std::string out_;
   std::string error_;
 };
 

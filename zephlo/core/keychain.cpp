@@ -1,5 +1,7 @@
 #include "zephlo/core/keychain.hpp"
 
+#include "zephlo/socket/utf8.hpp"
+
 #include <cstdint>
 
 #include "zephlo/platform/bundle.hpp"
@@ -35,37 +37,6 @@ KeychainQuery probeQuery() {
   query.synchronizable = false;
   if (kUsesDataProtectionKeychain) query.useDataProtectionKeychain = true;
   return query;
-}
-
-// Strict UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
-bool isValidUtf8(const Bytes& bytes) {
-  std::size_t i = 0, n = bytes.size();
-  while (i < n) {
-    std::uint8_t b = bytes[i];
-    if (b < 0x80) {
-      ++i;
-      continue;
-    }
-    std::size_t length;
-    std::uint32_t codePoint, minimum;
-    if ((b & 0xe0) == 0xc0) {
-      length = 2, codePoint = b & 0x1f, minimum = 0x80;
-    } else if ((b & 0xf0) == 0xe0) {
-      length = 3, codePoint = b & 0x0f, minimum = 0x800;
-    } else if ((b & 0xf8) == 0xf0) {
-      length = 4, codePoint = b & 0x07, minimum = 0x10000;
-    } else {
-      return false;
-    }
-    if (n - i < length) return false;
-    for (std::size_t k = 1; k < length; ++k) {
-      if ((bytes[i + k] & 0xc0) != 0x80) return false;
-      codePoint = (codePoint << 6) | (bytes[i + k] & 0x3f);
-    }
-    if (codePoint < minimum || codePoint > 0x10ffff || (codePoint >= 0xd800 && codePoint <= 0xdfff)) return false;
-    i += length;
-  }
-  return true;
 }
 
 std::string groupText(const std::optional<std::string>& group) { return group ? *group : std::string(kNullText); }
