@@ -34,21 +34,6 @@ using Peer = CBORSocketTestPeer;
 using testing::WebSocketTestServer;
 using namespace std::chrono_literals;
 
-WebSocketTestServer::Options requiringToken(std::string token) {
-  WebSocketTestServer::Options o;
-  o.bearerToken = std::move(token);
-  return o;
-}
-WebSocketTestServer::Options silentOptions() {
-  WebSocketTestServer::Options o;
-  o.answerUpgrades = false;
-  return o;
-}
-WebSocketTestServer::Options acknowledging() {
-  WebSocketTestServer::Options o;
-  o.autoAcknowledge = true;
-  return o;
-}
 
 class CBORSocketTest : public testing::MainQueueTest {
  protected:
@@ -105,7 +90,7 @@ std::vector<std::uint64_t> ids(const WebSocketTestServer& server) {
 }
 
 TEST_F(CBORSocketTest, EachConnectionNumbersItsMessagesFromOneAndReconnectsWithAFreshRequest) {
-  WebSocketTestServer server(requiringToken("token"));
+  WebSocketTestServer server(WebSocketTestServer::Options::requiringToken("token"));
   auto socket = open(server);
   ASSERT_TRUE(until([&] { return socket->isConneced(); }));
   EXPECT_EQ(connects_, 1);
@@ -200,7 +185,7 @@ TEST_F(CBORSocketTest, CompletionsRunOnceEvenWhenTheConnectionDropsUnderTheWrite
 }
 
 TEST_F(CBORSocketTest, DisconnectEndsTheSocketForGood) {
-  WebSocketTestServer server(acknowledging());
+  WebSocketTestServer server(WebSocketTestServer::Options::acknowledging());
   auto socket = open(server);
   int messages = 0;
   socket->onMessage("x", [&](const ValueMap&) { ++messages; });
@@ -240,7 +225,7 @@ TEST_F(CBORSocketTest, DisconnectEndsTheSocketForGood) {
 TEST_F(CBORSocketTest, BackOffFollowsTheAttemptsWithinItsBounds) {
   // A server that never answers keeps every attempt pending, so only the test
   // decides when a connection ends.
-  WebSocketTestServer silent(silentOptions());
+  WebSocketTestServer silent(WebSocketTestServer::Options::silent());
   auto socket = open(silent);
   EXPECT_DOUBLE_EQ(socket->minReconnectDelay(), 0.5);
   EXPECT_DOUBLE_EQ(socket->maxReconnectDelay(), 30.0);
@@ -310,7 +295,7 @@ TEST(CBORSocketDelayTest, DelayIsTheJitteredPowerCurveClampedToItsBounds) {
 }
 
 TEST_F(CBORSocketTest, MinimumDelayIsDrawnOnceBetweenHalfAndOneAndAHalfSeconds) {
-  WebSocketTestServer silent(silentOptions());
+  WebSocketTestServer silent(WebSocketTestServer::Options::silent());
   EXPECT_DOUBLE_EQ(open(silent, 0)->minReconnectDelay(), 0.5);
   EXPECT_DOUBLE_EQ(open(silent, 0xffffffffu)->minReconnectDelay(), 1.5);
   EXPECT_NEAR(open(silent, 0x80000000u)->minReconnectDelay(), 1.0, 1e-9);

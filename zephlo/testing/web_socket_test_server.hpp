@@ -43,6 +43,27 @@ class WebSocketTestServer {
     // When false, upgrade requests are read and recorded but never answered, so
     // clients hang in their handshake (for timeout and back-off tests).
     bool answerUpgrades = true;
+
+    static Options requiringToken(std::string token) {
+      Options o;
+      o.bearerToken = std::move(token);
+      return o;
+    }
+    static Options acknowledging() {
+      Options o;
+      o.autoAcknowledge = true;
+      return o;
+    }
+    static Options secure(TlsIdentity identity) {
+      Options o;
+      o.tls = std::move(identity);
+      return o;
+    }
+    static Options silent() {
+      Options o;
+      o.answerUpgrades = false;
+      return o;
+    }
   };
 
   struct Upgrade {
