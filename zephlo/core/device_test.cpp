@@ -10,6 +10,7 @@
 #include "zephlo/extension/device_info.hpp"
 #include "zephlo/platform/bundle.hpp"
 #include "zephlo/platform/keychain_store.hpp"
+#include "zephlo/testing/refusing_port.hpp"
 #include "zephlo/testing/http_test_server.hpp"
 #include "zephlo/testing/log_capture.hpp"
 #include "zephlo/testing/main_queue_fixture.hpp"
@@ -227,11 +228,8 @@ TEST_F(ZPHDeviceTest, LoopWhileAPassIsPendingDoesNothing) {
 }
 
 TEST_F(ZPHDeviceTest, TransportErrorsAreRetriedOnTheMainQueue) {
-  std::string closed;
-  {
-    HttpTestServer gone;
-    closed = gone.url("");
-  }
+  testing::RefusingPort refusing;
+  const std::string closed = refusing.url();
   ZPHRESTResource::setBaseUrl(closed);
   Registered outcome;
   device_->register_([&](OptionalError error, std::shared_ptr<ZPHDevice>) {

@@ -7,6 +7,7 @@
 #include <limits>
 
 #include "zephlo/platform/bundle.hpp"
+#include "zephlo/testing/refusing_port.hpp"
 #include "zephlo/testing/http_test_server.hpp"
 #include "zephlo/testing/main_queue_fixture.hpp"
 
@@ -203,11 +204,8 @@ TEST_F(ZPHRequestTest, UnencodableBodyFailsOnTheMainQueueWithoutTraffic) {
 }
 
 TEST_F(ZPHRequestTest, TransportErrorIsCalledBackOnTheHttpThread) {
-  std::string closedUrl;
-  {
-    HttpTestServer gone;
-    closedUrl = gone.url("/r");
-  }
+  testing::RefusingPort refusing;
+  const std::string closedUrl = refusing.url("/r");
   std::promise<Reply> done;
   ZPHRequest::request(closedUrl, {}, [&done](OptionalError error, Value body, auto response) {
     Reply reply;

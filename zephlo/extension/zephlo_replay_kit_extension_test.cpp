@@ -19,6 +19,7 @@
 #include "zephlo/platform/bundle.hpp"
 #include "zephlo/platform/keychain_store.hpp"
 #include "zephlo/platform/screen.hpp"
+#include "zephlo/testing/refusing_port.hpp"
 #include "zephlo/testing/http_test_server.hpp"
 #include "zephlo/testing/log_capture.hpp"
 #include "zephlo/testing/main_queue_fixture.hpp"
@@ -194,12 +195,8 @@ TEST_F(ZephloReplayKitExtensionTest, FailedFullDeviceRequestEndsAtOnceWithTheSer
 
 TEST_F(ZephloReplayKitExtensionTest, FullDeviceTransportFailureEndsAtOnceWithTheTransportError) {
   storeSession();
-  // A port that was open a moment ago and is closed now refuses the connection.
-  std::string closedUrl;
-  {
-    HttpTestServer gone;
-    closedUrl = gone.url();
-  }
+  testing::RefusingPort refusing;
+  const std::string closedUrl = refusing.url();
   ZPHKeychain::setValue(closedUrl, kZPHApiKey, ZPHKeychain::sharedGroup());
   create();
   ASSERT_TRUE(queue().runUntil([&] { return !finishes_.empty(); }));

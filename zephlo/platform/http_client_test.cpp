@@ -6,6 +6,7 @@
 #include <future>
 #include <memory>
 
+#include "zephlo/testing/refusing_port.hpp"
 #include "zephlo/testing/http_test_server.hpp"
 
 namespace zephlo::platform {
@@ -104,11 +105,8 @@ TEST(HttpClientTest, FollowsRedirects) {
 // Error paths.
 
 TEST(HttpClientTest, ReportsTransportErrorsWithPlatformCodes) {
-  std::string closedUrl;
-  {
-    HttpTestServer gone;
-    closedUrl = gone.url("/");
-  }
+  testing::RefusingPort refusing;
+  const std::string closedUrl = refusing.url("/");
   HttpTestServer silent;
   HttpTestServer::Response never;
   never.hold = true;

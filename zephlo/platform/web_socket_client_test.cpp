@@ -9,6 +9,7 @@
 #include <sstream>
 
 #include "zephlo/socket/cbor_codec.hpp"
+#include "zephlo/testing/refusing_port.hpp"
 #include "zephlo/testing/main_queue_fixture.hpp"
 #include "zephlo/testing/web_socket_test_server.hpp"
 
@@ -18,21 +19,6 @@ namespace {
 using testing::WebSocketTestServer;
 using namespace std::chrono_literals;
 
-WebSocketTestServer::Options requiringToken(std::string token) {
-  WebSocketTestServer::Options o;
-  o.bearerToken = std::move(token);
-  return o;
-}
-WebSocketTestServer::Options silentOptions() {
-  WebSocketTestServer::Options o;
-  o.answerUpgrades = false;
-  return o;
-}
-WebSocketTestServer::Options secure(testing::TlsIdentity identity) {
-  WebSocketTestServer::Options o;
-  o.tls = std::move(identity);
-  return o;
-}
 
 // Everything a client told its user.
 struct Events {
@@ -76,7 +62,7 @@ class WebSocketClientTest : public testing::MainQueueTest {
 };
 
 TEST_F(WebSocketClientTest, UpgradeCarriesTheRequestsTargetAndHeaders) {
-  WebSocketTestServer server(requiringToken("secret"));
+  WebSocketTestServer server(WebSocketTestServer::Options::requiringToken("secret"));
   URLRequest request;
   request.url = server.url("/sockets/1/ws?v=2#fragment");
   request.setHeader("Authorization", "Bearer secret");
@@ -96,12 +82,9 @@ TEST_F(WebSocketClientTest, UpgradeCarriesTheRequestsTargetAndHeaders) {
 }
 
 TEST_F(WebSocketClientTest, ConnectionsThatCannotOpenEndInOneDisconnectWithAnError) {
-  WebSocketTestServer guarded(requiringToken("secret"));
-  const std::string refusedUrl = [] {
-    // A port that was just free: nothing listens there any more.
-    WebSocketTestServer gone;
-    return gone.url("/");
-  }();
+  WebSocketTestServer guarded(WebSocketTestServer::Options::requiringToken("secret"));
+  testing::RefusingPort refusing;
+  const std::string refusedUrl = refusing.url("/", "ws");
   const std::string cases[] = {guarded.url("/"), refusedUrl, "ftp://127.0.0.1/", "ws://[::1/"};
   for (const auto& url : cases) {
     SCOPED_TRACE(url);
@@ -180,7 +163,7 @@ TEST_F(WebSocketClientTest, DisconnectSendsCloseCode1000) {
 }
 
 TEST_F(WebSocketClientTest, TimeoutBoundsTheHandshakeOnTheQueuesClock) {
-  WebSocketTestServer silent(silentOptions());
+  WebSocketTestServer silent(WebSocketTestServer::Options::silent());
   URLRequest request;
   request.url = silent.url("/");
   request.timeout = 10s;
@@ -309,8 +292,8 @@ class CertFileEnv {
 TEST_F(WebSocketClientTest, SecureConnectionsTrustOnlyVerifiedPeersForTheirHost) {
   TlsFiles tls;
   ASSERT_TRUE(tls.ok()) << "openssl could not make the test certificates";
-  WebSocketTestServer local(secure(tls.identity("local")));
-  WebSocketTestServer other(secure(tls.identity("other")));
+  WebSocketTestServer local(WebSocketTestServer::Options::secure(tls.identity("local")));
+  WebSocketTestServer other(WebSocketTestServer::Options::secure(tls.identity("other")));
   const std::string port = std::to_string(local.port());
   const struct {
     const char* what;
