@@ -89,7 +89,12 @@ void ZephloReplayKitExtension::loadSession(const std::optional<std::string>& ide
   session_ = ZPHSession::initWithResource(ValueMap{{"id", Value(*identifier)}});
   forwarder_ = std::make_shared<ObserverForwarder>(weak_from_this());
   session_->registerSessionObserver(forwarder_);
-  session_->fullDevice(true, [weak = weak_from_this()](OptionalError error, std::shared_ptr<ZPHSession> session) {
+  session_->fullDevice(true, [weak = weak_from_this(), finish = finisher()](OptionalError error,
+                                                                          std::shared_ptr<ZPHSession> session) {
+    // A transport failure arrives on the HTTP thread: finish without taking a
+    // reference to the controller there, or that thread could become its last
+    // owner and tear it down off the main queue.
+    if (error) return finish(*error);
     if (auto controller = weak.lock()) controller->fullDeviceDidReply(error, session);
   });
   stream_ = ZPHStreamProtocol::create(session_);

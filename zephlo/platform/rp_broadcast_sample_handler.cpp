@@ -14,12 +14,16 @@ void RPBroadcastSampleHandler::broadcastResumed() {}
 void RPBroadcastSampleHandler::broadcastFinished() {}
 void RPBroadcastSampleHandler::processSampleBuffer(const SampleBuffer&, std::int64_t) {}
 
-void RPBroadcastSampleHandler::finishBroadcastWithError(const Error& error) {
+void RPBroadcastSampleHandler::finishBroadcastWithError(const Error& error) { finisher()(error); }
+
+std::function<void(const Error&)> RPBroadcastSampleHandler::finisher() const {
   // Always through the queue, also from the main queue itself: the handler then
   // runs after the caller's own step has returned, the same on every thread.
-  MainQueue::shared().async([slot = finishSlot_, error] {
-    if (slot->handler) slot->handler(error);
-  });
+  return [slot = finishSlot_](const Error& error) {
+    MainQueue::shared().async([slot, error] {
+      if (slot->handler) slot->handler(error);
+    });
+  };
 }
 
 void RPBroadcastSampleHandler::setFinishHandler(FinishHandler handler) {

@@ -51,6 +51,10 @@ class RPBroadcastSampleHandler {
   // finish handler runs with it on the main queue. Any thread. Every call
   // reaches the handler; the host decides what a second finish means.
   void finishBroadcastWithError(const Error& error);
+  // The same finish as a callable that holds no reference to this handler, for
+  // callbacks that may run on another thread (where taking a reference could make
+  // that thread the handler's last owner).
+  std::function<void(const Error&)> finisher() const;
 
   // Where finishes go. Main queue; set before the main queue runs the work that
   // could finish the broadcast. Without a handler a finish is dropped.
