@@ -244,10 +244,7 @@ TEST_F(FrameTransmissionTest, UnencodableDataIsRefusedRatherThanLeftHanging) {
   EXPECT_EQ(outcome, false);
 }
 
-// Intermittent: about one run in two, neither the callback nor the server's close
-// arrives within the wait. Kept out of the suite until the close path of a
-// connection with a write in flight is understood.
-TEST_F(FrameTransmissionTest, DISABLED_CallbackRunsOnceWhenTheSocketIsClosedUnderTheWrite) {
+TEST_F(FrameTransmissionTest, CallbackRunsOnceWhenTheSocketIsClosedUnderTheWrite) {
   openBoth();
   // A large frame, so the write is still in flight when the socket goes.
   int calls = 0;

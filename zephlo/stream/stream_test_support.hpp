@@ -95,13 +95,16 @@ class StreamProtocolTest : public MainQueueTest {
     return waitFor([&] { return receivedEvents(server, event).size() >= count; });
   }
   // Opens both sockets and waits until the stream socket is connected and has
-  // sent its filter.
+  // sent its filter, and the fetch that the control connection started has been
+  // applied: a closed protocol still observes its session, so a fetch landing
+  // after close() would open the sockets again.
   void openBoth() {
     // Fetches must keep the stream socket's fields, or its reconnects find no URL.
     http_.route("GET", "/api/1/sessions/s-1", HttpTestServer::Response::json(200, sessionJson(true)));
     session_->updateResource(sessionMap(true, true));
     ASSERT_TRUE(waitForEvents(*streamServer_, "filter", 1));
     ASSERT_TRUE(waitFor([&] { return protocol_->stream() && protocol_->stream()->isConneced(); }));
+    ASSERT_TRUE(waitFor([&] { return session_->scale() == 0.75f; }));
   }
 
   // `data` as the peer sees it after one trip through the codec.
