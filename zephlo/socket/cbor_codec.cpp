@@ -345,12 +345,13 @@ class Decoder {
     if (auto* a = std::get_if<StartArray>(&event)) {
       // Every element takes at least one byte: a longer declaration cannot be true.
       if (a->count > left) return fail();
-      if (a->count == 0) return complete(Value(ValueArray{}));
+      // An empty collection is still a level of nesting, as the encoder counts it.
+      if (a->count == 0) return stack_.size() >= kMaxDepth ? fail() : complete(Value(ValueArray{}));
       return push(Frame{Kind::Array, a->count, 0, 0, {}, {}});
     }
     if (auto* m = std::get_if<StartMap>(&event)) {
       if (m->count > left / 2) return fail();
-      if (m->count == 0) return complete(Value(ValueMap{}));
+      if (m->count == 0) return stack_.size() >= kMaxDepth ? fail() : complete(Value(ValueMap{}));
       return push(Frame{Kind::Map, m->count * 2, 0, 0, {}, {}});
     }
     if (auto* s = std::get_if<StartIndefinite>(&event)) {

@@ -204,6 +204,8 @@ TEST(CborCodecTest, MalformedOrHostileInputDecodesToNothing) {
       {"tag without content", "c0"},
       {"reserved initial byte", "fc"},
       {"nesting deeper than the limit", deepHex},
+      {"an empty array beyond the limit", deepHex.substr(0, 2 * kMaxDepth) + "80"},
+      {"an empty map beyond the limit", deepHex.substr(0, 2 * kMaxDepth) + "a0"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
@@ -213,6 +215,14 @@ TEST(CborCodecTest, MalformedOrHostileInputDecodesToNothing) {
   std::string limitHex;
   for (std::size_t i = 0; i < kMaxDepth; ++i) limitHex += "81";
   EXPECT_TRUE(decode(hex(limitHex + "00")).has_value());
+  // Whatever decodes at the limit encodes again.
+  const std::string innerLimitHex = limitHex.substr(2);
+  for (const std::string& atLimitHex : {limitHex + "00", innerLimitHex + "80", innerLimitHex + "a0"}) {
+    SCOPED_TRACE(atLimitHex);
+    const auto atLimit = decode(hex(atLimitHex));
+    ASSERT_TRUE(atLimit.has_value());
+    EXPECT_EQ(encode(*atLimit), hex(atLimitHex));
+  }
 }
 
 TEST(CborCodecTest, KeysThatCannotBeMapKeysAreReportedAsFatal) {
