@@ -1,6 +1,7 @@
 #include "zephlo/platform/image_renderer.hpp"
 
 #include <algorithm>
+#include <array>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -11,6 +12,14 @@ extern "C" {
 #include <libavutil/pixfmt.h>
 #include <libswscale/swscale.h>
 }
+
+// The box shrink's loops are built twice on x86-64, for AVX2 and for the
+// baseline, and the loader picks the one the processor runs best.
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define ZEPHLO_VECTOR_LOOPS __attribute__((target_clones("avx2", "default")))
+#else
+#define ZEPHLO_VECTOR_LOOPS
+#endif
 
 namespace zephlo::platform {
 
@@ -24,16 +33,6 @@ constexpr std::int64_t kCentredChroma = 128;
 
 int alignUp(int bytes) { return (bytes + kAlignment - 1) / kAlignment * kAlignment; }
 int divideRoundingUp(int a, int b) { return (a + b - 1) / b; }
-
-std::uint8_t toByte(float v) {
-  // +0.5 then truncation rounds the non-negative values that reach the cast.
-  // Written as selects rather than std::clamp so that the loops calling it
-  // vectorise.
-  v += 0.5f;
-  v = v < 0.0f ? 0.0f : v;
-  v = v > 255.0f ? 255.0f : v;
-  return static_cast<std::uint8_t>(static_cast<int>(v));
-}
 
 // Reusable storage whose start is aligned for swscale's vector loads.
 class AlignedScratch {
@@ -72,98 +71,221 @@ struct Planes {
   }
 };
 
-// The average of one block of `cols` × `rows` samples of an 8-bit plane with
-// kChannels interleaved channels.
-template <int kChannels>
-void averageBlock(const std::uint8_t* src, int stride, int cols, int rows, float* average) {
-  const float inverse = 1.0f / static_cast<float>(cols * rows);
-  for (int c = 0; c < kChannels; ++c) {
-    std::uint32_t total = 0;
-    for (int r = 0; r < rows; ++r)
-      for (int j = 0; j < cols; ++j) total += src[static_cast<std::ptrdiff_t>(r) * stride + j * kChannels + c];
-    average[c] = static_cast<float>(total) * inverse;
-  }
-}
-
-// The same for `blocks` whole K×K blocks side by side; with K fixed the sums
-// unroll, which is where the time of a large reduction goes.
-template <int kChannels, int K>
-void averageWholeBlocks(const std::uint8_t* src, int stride, int blocks, float* averages) {
-  constexpr float kInverse = 1.0f / static_cast<float>(K * K);
-  for (int b = 0; b < blocks; ++b) {
-    const std::uint8_t* block = src + b * K * kChannels;
-    for (int c = 0; c < kChannels; ++c) {
-      std::uint32_t total = 0;
-      for (int r = 0; r < K; ++r)
-        for (int j = 0; j < K; ++j) total += block[static_cast<std::ptrdiff_t>(r) * stride + j * kChannels + c];
-      averages[b * kChannels + c] = static_cast<float>(total) * kInverse;
-    }
-  }
-}
-
-// Averages the k×k blocks of one band of `rows` (at most k) rows; `averages`
-// receives one value per channel per block, the last block narrower when the
+// The k×k block sums of one band (k rows, fewer at the bottom) of an 8-bit plane
+// with kChannels interleaved channels, of which the first kUsed are summed: the
+// rows of each column first (16-bit sums, a loop the compiler vectorises), then
+// the k columns of each block, per channel. The last block is narrower when the
 // width is not a multiple of k.
-template <int kChannels>
-void averageBand(const std::uint8_t* src, int stride, int width, int rows, int k, float* averages) {
-  const int wholeBlocks = width / k;
-  if (rows == 2 && k == 2) {
-    averageWholeBlocks<kChannels, 2>(src, stride, wholeBlocks, averages);
-  } else if (rows == 3 && k == 3) {
-    averageWholeBlocks<kChannels, 3>(src, stride, wholeBlocks, averages);
-  } else if (rows == 4 && k == 4) {
-    averageWholeBlocks<kChannels, 4>(src, stride, wholeBlocks, averages);
-  } else {
-    for (int b = 0; b < wholeBlocks; ++b)
-      averageBlock<kChannels>(src + b * k * kChannels, stride, k, rows, averages + b * kChannels);
+template <int kChannels, int kUsed = kChannels>
+class BandSums {
+ public:
+  ZEPHLO_VECTOR_LOOPS void sum(const std::uint8_t* src, int stride, int width, int rows, int k) {
+    k_ = k;
+    rows_ = rows;
+    blocks_ = divideRoundingUp(width, k);
+    lastColumns_ = width - (blocks_ - 1) * k;
+    for (auto& channel : sums_) channel.resize(static_cast<std::size_t>(blocks_));
+    const std::size_t samples = static_cast<std::size_t>(width) * kChannels;
+    columns_.resize(samples);
+    std::uint16_t* columns = columns_.data();
+    for (std::size_t i = 0; i < samples; ++i) columns[i] = src[i];
+    for (int r = 1; r < rows; ++r) {
+      const std::uint8_t* row = src + static_cast<std::ptrdiff_t>(r) * stride;
+      for (std::size_t i = 0; i < samples; ++i) columns[i] = static_cast<std::uint16_t>(columns[i] + row[i]);
+    }
+    const int wholeBlocks = width / k;
+    if (k == 2) {
+      sumBlocks<2>(0, wholeBlocks);
+    } else if (k == 3) {
+      sumBlocks<3>(0, wholeBlocks);
+    } else if (k == 4) {
+      sumBlocks<4>(0, wholeBlocks);
+    } else {
+      for (int x = 0; x < wholeBlocks; ++x) sumBlock(x, k);
+    }
+    if (wholeBlocks < blocks_) sumBlock(wholeBlocks, lastColumns_);
   }
-  if (const int rest = width - wholeBlocks * k; rest > 0) {
-    averageBlock<kChannels>(src + wholeBlocks * k * kChannels, stride, rest, rows,
-                            averages + wholeBlocks * kChannels);
-  }
-}
 
-// Box-shrinks a BGRA buffer by k into full-resolution-chroma YCbCr planes (JFIF).
-void shrinkBgra(const PixelBuffer& in, int k, Planes& out, std::vector<float>& averages) {
-  averages.resize(static_cast<std::size_t>(out.width[0]) * 4);
-  for (int by = 0; by < out.height[0]; ++by) {
-    const int rows = std::min(k, in.height() - by * k);
-    averageBand<4>(in.plane(0) + static_cast<std::ptrdiff_t>(by) * k * in.stride(0), in.stride(0),
-                   in.width(), rows, k, averages.data());
-    std::uint8_t* y = out.data[0] + static_cast<std::ptrdiff_t>(by) * out.stride[0];
-    std::uint8_t* cb = out.data[1] + static_cast<std::ptrdiff_t>(by) * out.stride[1];
-    std::uint8_t* cr = out.data[2] + static_cast<std::ptrdiff_t>(by) * out.stride[2];
-    for (int x = 0; x < out.width[0]; ++x) {
-      const float b = averages[4 * x], g = averages[4 * x + 1], r = averages[4 * x + 2];
-      y[x] = toByte(0.299f * r + 0.587f * g + 0.114f * b);
-      cb[x] = toByte(-0.168736f * r - 0.331264f * g + 0.5f * b + 128.0f);
-      cr[x] = toByte(0.5f * r - 0.418688f * g - 0.081312f * b + 128.0f);
+  int blocks() const { return blocks_; }
+  int rows() const { return rows_; }
+  // Samples in a whole block, and in the last one.
+  int area() const { return k_ * rows_; }
+  int lastArea() const { return lastColumns_ * rows_; }
+  int areaOf(int x) const { return x == blocks_ - 1 ? lastArea() : area(); }
+  const std::uint32_t* channel(int c) const { return sums_[static_cast<std::size_t>(c)].data(); }
+
+ private:
+  template <int K>
+  ZEPHLO_VECTOR_LOOPS void sumBlocks(int first, int end) {
+    const std::uint16_t* columns = columns_.data();
+    for (int x = first; x < end; ++x) {
+      const std::uint16_t* block = columns + static_cast<std::ptrdiff_t>(x) * K * kChannels;
+      for (int c = 0; c < kUsed; ++c) {
+        std::uint32_t total = 0;
+        for (int j = 0; j < K; ++j) total += block[j * kChannels + c];
+        sums_[static_cast<std::size_t>(c)][static_cast<std::size_t>(x)] = total;
+      }
     }
   }
-}
 
-// Box-shrinks an NV12 buffer by k into 4:2:0 planes.
-void shrinkNv12(const PixelBuffer& in, int k, Planes& out, std::vector<float>& averages) {
-  averages.resize(static_cast<std::size_t>(out.width[0]) + 2);
-  for (int by = 0; by < out.height[0]; ++by) {
-    const int rows = std::min(k, in.height() - by * k);
-    averageBand<1>(in.plane(0) + static_cast<std::ptrdiff_t>(by) * k * in.stride(0), in.stride(0),
-                   in.width(), rows, k, averages.data());
-    std::uint8_t* y = out.data[0] + static_cast<std::ptrdiff_t>(by) * out.stride[0];
-    for (int x = 0; x < out.width[0]; ++x) y[x] = toByte(averages[x]);
-  }
-  for (int by = 0; by < out.height[1]; ++by) {
-    const int rows = std::min(k, in.planeHeight(1) - by * k);
-    averageBand<2>(in.plane(1) + static_cast<std::ptrdiff_t>(by) * k * in.stride(1), in.stride(1),
-                   in.planeWidth(1), rows, k, averages.data());
-    std::uint8_t* cb = out.data[1] + static_cast<std::ptrdiff_t>(by) * out.stride[1];
-    std::uint8_t* cr = out.data[2] + static_cast<std::ptrdiff_t>(by) * out.stride[2];
-    for (int x = 0; x < out.width[1]; ++x) {
-      cb[x] = toByte(averages[2 * x]);
-      cr[x] = toByte(averages[2 * x + 1]);
+  void sumBlock(int x, int width) {
+    const std::uint16_t* block = columns_.data() + static_cast<std::ptrdiff_t>(x) * k_ * kChannels;
+    for (int c = 0; c < kUsed; ++c) {
+      std::uint32_t total = 0;
+      for (int j = 0; j < width; ++j) total += block[j * kChannels + c];
+      sums_[static_cast<std::size_t>(c)][static_cast<std::size_t>(x)] = total;
     }
   }
+
+  int k_ = 1, rows_ = 0, blocks_ = 0, lastColumns_ = 0;
+  std::vector<std::uint16_t> columns_;
+  std::array<std::vector<std::uint32_t>, kUsed> sums_;
+};
+
+// Fixed point with 22 fractional bits: a weight per sample of a sum of `area`
+// samples. A weighted sum of means of 0..255 plus the chroma offset stays within
+// 31 bits, and the rounding of the weights costs at most a tenth of a grey level
+// up to the largest box shrink.
+constexpr int kFixedBits = 22;
+constexpr int kMaxBoxShrink = 32;
+constexpr std::int32_t kFixedHalf = 1 << (kFixedBits - 1);
+constexpr std::int32_t kFixedChromaOffset = 128 << kFixedBits;
+
+std::int32_t fixedWeight(double weight, int area) {
+  return static_cast<std::int32_t>(std::lround(std::ldexp(weight, kFixedBits) / area));
 }
+
+std::uint8_t fixedToByte(std::int32_t v) {
+  // Written as selects rather than std::clamp so that the loops calling it
+  // vectorise.
+  v = (v + kFixedHalf) >> kFixedBits;
+  v = v < 0 ? 0 : v;
+  v = v > 255 ? 255 : v;
+  return static_cast<std::uint8_t>(v);
+}
+
+// Writes the mean of each block of `sums`, channel `c`, one byte per block.
+template <class Sums>
+ZEPHLO_VECTOR_LOOPS void writeMeans(const Sums& sums, int c, std::uint8_t* out) {
+  const std::uint32_t* s = sums.channel(c);
+  const std::int32_t w = fixedWeight(1.0, sums.area());
+  for (int x = 0; x < sums.blocks(); ++x) out[x] = fixedToByte(w * static_cast<std::int32_t>(s[x]));
+  const int last = sums.blocks() - 1;
+  out[last] = fixedToByte(fixedWeight(1.0, sums.lastArea()) * static_cast<std::int32_t>(s[last]));
+}
+
+// JFIF YCbCr from mean B, G and R (0..255).
+struct JfifWeights {
+  std::int32_t yr, yg, yb, cbr, cbg, cbb, crr, crg, crb;
+  explicit JfifWeights(int area)
+      : yr(fixedWeight(0.299, area)),
+        yg(fixedWeight(0.587, area)),
+        yb(fixedWeight(0.114, area)),
+        cbr(fixedWeight(-0.168736, area)),
+        cbg(fixedWeight(-0.331264, area)),
+        cbb(fixedWeight(0.5, area)),
+        crr(fixedWeight(0.5, area)),
+        crg(fixedWeight(-0.418688, area)),
+        crb(fixedWeight(-0.081312, area)) {}
+};
+
+// Box-shrinks NV12 by k into 4:2:0 planes: each plane's blocks averaged.
+class Nv12Shrinker {
+ public:
+  void shrink(const PixelBuffer& in, int k, Planes& out) {
+    for (int by = 0; by < out.height[0]; ++by) {
+      const int rows = std::min(k, in.height() - by * k);
+      luma_.sum(in.plane(0) + static_cast<std::ptrdiff_t>(by) * k * in.stride(0), in.stride(0), in.width(), rows, k);
+      writeMeans(luma_, 0, out.data[0] + static_cast<std::ptrdiff_t>(by) * out.stride[0]);
+    }
+    for (int by = 0; by < out.height[1]; ++by) {
+      const int rows = std::min(k, in.planeHeight(1) - by * k);
+      chroma_.sum(in.plane(1) + static_cast<std::ptrdiff_t>(by) * k * in.stride(1), in.stride(1), in.planeWidth(1),
+                  rows, k);
+      writeMeans(chroma_, 0, out.data[1] + static_cast<std::ptrdiff_t>(by) * out.stride[1]);
+      writeMeans(chroma_, 1, out.data[2] + static_cast<std::ptrdiff_t>(by) * out.stride[2]);
+    }
+  }
+
+ private:
+  BandSums<1> luma_;
+  BandSums<2> chroma_;
+};
+
+// Box-shrinks BGRA by k into JFIF YCbCr 4:2:0 planes: luma from each k×k block,
+// chroma from each 2k×2k block (the four blocks around its position), so the
+// Lanczos step gets chroma at a quarter of the samples, as from NV12.
+class BgraShrinker {
+ public:
+  void shrink(const PixelBuffer& in, int k, Planes& out) {
+    for (int cy = 0; cy < out.height[1]; ++cy) {
+      int bands = 0;
+      for (; bands < 2 && 2 * cy + bands < out.height[0]; ++bands) {
+        const int by = 2 * cy + bands;
+        const int rows = std::min(k, in.height() - by * k);
+        bands_[bands].sum(in.plane(0) + static_cast<std::ptrdiff_t>(by) * k * in.stride(0), in.stride(0), in.width(),
+                          rows, k);
+        writeLuma(bands_[bands], out.data[0] + static_cast<std::ptrdiff_t>(by) * out.stride[0]);
+      }
+      writeChroma(bands, out.data[1] + static_cast<std::ptrdiff_t>(cy) * out.stride[1],
+                  out.data[2] + static_cast<std::ptrdiff_t>(cy) * out.stride[2], out.width[1]);
+    }
+  }
+
+ private:
+  using Sums = BandSums<4, 3>;
+
+  ZEPHLO_VECTOR_LOOPS static void writeLuma(const Sums& band, std::uint8_t* y) {
+    const std::uint32_t *b = band.channel(0), *g = band.channel(1), *r = band.channel(2);
+    const JfifWeights w(band.area());
+    const auto luma = [&](const JfifWeights& w, int x) {
+      return fixedToByte(w.yr * static_cast<std::int32_t>(r[x]) + w.yg * static_cast<std::int32_t>(g[x]) +
+                         w.yb * static_cast<std::int32_t>(b[x]));
+    };
+    for (int x = 0; x < band.blocks(); ++x) y[x] = luma(w, x);
+    const int last = band.blocks() - 1;
+    y[last] = luma(JfifWeights(band.lastArea()), last);
+  }
+
+  // Chroma of each pair of blocks across the `bands` bands just summed. Pairs of
+  // whole blocks from two bands share one area; the others (the right and bottom
+  // edges) are weighed by their own.
+  ZEPHLO_VECTOR_LOOPS void writeChroma(int bands, std::uint8_t* cb, std::uint8_t* cr, int width) const {
+    const Sums& top = bands_[0];
+    const Sums& bottom = bands_[1];
+    int fast = 0;
+    if (bands == 2) {
+      fast = top.lastArea() == top.area() ? top.blocks() / 2 : (top.blocks() - 1) / 2;
+      const JfifWeights w(2 * (top.area() + bottom.area()));
+      const std::uint32_t *b0 = top.channel(0), *g0 = top.channel(1), *r0 = top.channel(2);
+      const std::uint32_t *b1 = bottom.channel(0), *g1 = bottom.channel(1), *r1 = bottom.channel(2);
+      for (int x = 0; x < fast; ++x) {
+        const auto b = static_cast<std::int32_t>(b0[2 * x] + b0[2 * x + 1] + b1[2 * x] + b1[2 * x + 1]);
+        const auto g = static_cast<std::int32_t>(g0[2 * x] + g0[2 * x + 1] + g1[2 * x] + g1[2 * x + 1]);
+        const auto r = static_cast<std::int32_t>(r0[2 * x] + r0[2 * x + 1] + r1[2 * x] + r1[2 * x + 1]);
+        cb[x] = fixedToByte(w.cbr * r + w.cbg * g + w.cbb * b + kFixedChromaOffset);
+        cr[x] = fixedToByte(w.crr * r + w.crg * g + w.crb * b + kFixedChromaOffset);
+      }
+    }
+    for (int x = fast; x < width; ++x) {
+      std::int32_t b = 0, g = 0, r = 0;
+      int area = 0;
+      for (int i = 0; i < bands; ++i) {
+        for (int j = 2 * x; j < std::min(2 * x + 2, bands_[i].blocks()); ++j) {
+          b += static_cast<std::int32_t>(bands_[i].channel(0)[j]);
+          g += static_cast<std::int32_t>(bands_[i].channel(1)[j]);
+          r += static_cast<std::int32_t>(bands_[i].channel(2)[j]);
+          area += bands_[i].areaOf(j);
+        }
+      }
+      const JfifWeights w(area);
+      cb[x] = fixedToByte(w.cbr * r + w.cbg * g + w.cbb * b + kFixedChromaOffset);
+      cr[x] = fixedToByte(w.crr * r + w.crg * g + w.crb * b + kFixedChromaOffset);
+    }
+  }
+
+  Sums bands_[2];
+};
 
 // Copies one plane into `dst` (width × height, tightly packed) turned by `turn`.
 // Works in doubled coordinates about the centre so that every position stays an
@@ -196,7 +318,6 @@ void copyTurned(const std::uint8_t* src, int srcStride, int srcWidth, int srcHei
 SwsContext* createScaler(AVPixelFormat format, int srcWidth, int srcHeight, int dstWidth, int dstHeight) {
   SwsContext* context = sws_alloc_context();
   if (!context) return nullptr;
-  const bool subsampledSource = format != AV_PIX_FMT_YUV444P;
   const struct {
     const char* name;
     std::int64_t value;
@@ -208,8 +329,8 @@ SwsContext* createScaler(AVPixelFormat format, int srcWidth, int srcHeight, int 
       {"dsth", dstHeight},
       {"dst_format", AV_PIX_FMT_YUV420P},
       {"sws_flags", SWS_LANCZOS | SWS_ACCURATE_RND},
-      {"src_h_chr_pos", subsampledSource ? kCentredChroma : 0},
-      {"src_v_chr_pos", subsampledSource ? kCentredChroma : 0},
+      {"src_h_chr_pos", kCentredChroma},
+      {"src_v_chr_pos", kCentredChroma},
       {"dst_h_chr_pos", kCentredChroma},
       {"dst_v_chr_pos", kCentredChroma},
   };
@@ -238,7 +359,8 @@ struct ImageRenderer::Impl {
   std::vector<Scaler> scalers;
   AlignedScratch shrunkScratch;
   AlignedScratch scaledScratch;
-  std::vector<float> averages;
+  Nv12Shrinker nv12Shrinker;
+  BgraShrinker bgraShrinker;
 
   ~Impl() {
     for (auto& scaler : scalers) sws_freeContext(scaler.context);
@@ -275,7 +397,7 @@ std::unique_ptr<Bitmap> ImageRenderer::render(const Image& image) {
   // the Lanczos step.
   const double reduction = std::min(static_cast<double>(in.width()) / scaled.width,
                                     static_cast<double>(in.height()) / scaled.height);
-  const int k = std::max(1, static_cast<int>(reduction / kLanczosReduction));
+  const int k = std::clamp(static_cast<int>(reduction / kLanczosReduction), 1, kMaxBoxShrink);
 
   const std::uint8_t* source[4] = {nullptr, nullptr, nullptr, nullptr};
   int sourceStride[4] = {0, 0, 0, 0};
@@ -290,16 +412,15 @@ std::unique_ptr<Bitmap> ImageRenderer::render(const Image& image) {
       sourceStride[p] = in.stride(p);
     }
   } else {
-    const bool nv12 = in.format() == PixelFormat::NV12;
-    format = nv12 ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_YUV444P;
+    format = AV_PIX_FMT_YUV420P;
     sourceWidth = divideRoundingUp(in.width(), k);
     sourceHeight = divideRoundingUp(in.height(), k);
     Planes shrunk;
-    shrunk.layOut(impl_->shrunkScratch, sourceWidth, sourceHeight, nv12);
-    if (nv12) {
-      shrinkNv12(in, k, shrunk, impl_->averages);
+    shrunk.layOut(impl_->shrunkScratch, sourceWidth, sourceHeight, true);
+    if (in.format() == PixelFormat::NV12) {
+      impl_->nv12Shrinker.shrink(in, k, shrunk);
     } else {
-      shrinkBgra(in, k, shrunk, impl_->averages);
+      impl_->bgraShrinker.shrink(in, k, shrunk);
     }
     for (int p = 0; p < 3; ++p) {
       source[p] = shrunk.data[p];

@@ -6,8 +6,8 @@
 // shrink that leaves the picture at least kLanczosReduction times the output
 // size), so the Lanczos step reads a fraction of the sample; the result stays
 // within a fraction of a grey level of a pure Lanczos-3 resampling. NV12 samples
-// stay in YCbCr throughout; BGRA samples are converted to YCbCr while they are
-// averaged.
+// stay in YCbCr throughout; BGRA samples are converted to YCbCr 4:2:0 while they
+// are averaged.
 //
 // Owned by its one user (the frame source); keeps a scaler per geometry it has
 // seen and its scratch buffers between renders. Not thread-safe: one thread (the

@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <functional>
 #include <limits>
+#include <tuple>
 
 #include "zephlo/platform/pixel_buffer.hpp"
 
@@ -179,6 +180,36 @@ TEST(ImageRendererTest, FullRangeValuesPassThroughUnchanged) {
       EXPECT_EQ(bitmap->at(0, bitmap->width() - 1, mid), 255);
       EXPECT_EQ(bitmap->at(1, 0, mid / 2), 128);
       EXPECT_EQ(bitmap->at(2, bitmap->planeWidth(2) - 1, mid / 2), 128);
+    }
+  }
+}
+
+TEST(ImageRendererTest, BlocksCutShortAtTheEdgesKeepTheirColour) {
+  // Sizes that are no multiple of the box shrink, so the last row and column of
+  // blocks are partial and weigh fewer pixels; a flat colour must stay flat to
+  // the last pixel of every plane.
+  const Bgr colour{40, 200, 120};
+  const double expected[3] = {
+      0.299 * colour.r + 0.587 * colour.g + 0.114 * colour.b,
+      -0.168736 * colour.r - 0.331264 * colour.g + 0.5 * colour.b + 128,
+      0.5 * colour.r - 0.418688 * colour.g - 0.081312 * colour.b + 128,
+  };
+  ImageRenderer renderer;
+  for (const auto& [width, height, scale] : {std::tuple{1003, 2011, 0.16}, std::tuple{997, 1001, 0.1},
+                                             std::tuple{301, 203, 0.0625}}) {
+    auto bgra = drawBgra(width, height, [&](int, int) { return colour; });
+    for (const auto& buffer : {bgra, PixelBuffer::nv12From(*bgra)}) {
+      SCOPED_TRACE(testing::Message() << width << "x" << height << " at " << scale << " from "
+                                      << (buffer == bgra ? "BGRA" : "NV12"));
+      auto bitmap = renderer.render(Image(buffer).byApplyingLanczosScale(scale));
+      ASSERT_NE(bitmap, nullptr);
+      for (int plane = 0; plane < 3; ++plane) {
+        int worst = 0;
+        for (int y = 0; y < bitmap->planeHeight(plane); ++y)
+          for (int x = 0; x < bitmap->planeWidth(plane); ++x)
+            worst = std::max(worst, static_cast<int>(std::lround(std::abs(bitmap->at(plane, x, y) - expected[plane]))));
+        EXPECT_LE(worst, 1) << "plane " << plane;
+      }
     }
   }
 }
