@@ -165,6 +165,12 @@ ValueMap ServiceHub::summary(const Session& session) const {
   };
   out.set("control_sockets", countLive(sockets_, isSocket(SocketKind::Control)));
   out.set("stream_sockets", countLive(sockets_, isSocket(SocketKind::Stream)));
+  // Control sockets that hear of changes now: a socket counts once its filter
+  // asked for "session".
+  out.set("session_listeners", countLive(sockets_, [&session](const SessionSocket& s) {
+            return s.isOpen() && s.kind() == SocketKind::Control && s.sessionId() == session.id &&
+                   s.wants(wire::kSessionEvent);
+          }));
   return out;
 }
 
