@@ -165,10 +165,11 @@ SessionStore::UpdateResult SessionStore::update(Session& session, const Value& b
     return {ServiceError{kBadRequest, "Expected a JSON object"}, false};
   for (const FieldRule& rule : kSessionFields) {
     const Value* v = fields->find(rule.name);
-    if (v && !rule.valid(*v))
-      return {ServiceError{kUnprocessable,
-                           "\"" + std::string(rule.name) + "\" must be " + std::string(rule.requirement)},
-              false};
+    if (v && !rule.valid(*v)) {
+      std::string message("\"");
+      message.append(rule.name).append("\" must be ").append(rule.requirement);
+      return {ServiceError{kUnprocessable, std::move(message)}, false};
+    }
   }
   if (const Value* state = fields->find(wire::kState);
       state && session.state() == wire::kStateEnded && *state->asString() != wire::kStateEnded)

@@ -297,8 +297,7 @@ std::string KeychainStore::defaultPath(const Environment& environment) {
     // No HOME (a service started without one): the password database knows.
     if (const passwd* entry = ::getpwuid(::getuid()); entry && entry->pw_dir) home = entry->pw_dir;
   }
-  if (home.empty()) home = ".";
-  return home + "/.local/share/zephlo/keychain.db";
+  return (home.empty() ? std::string(".") : home) + "/.local/share/zephlo/keychain.db";
 }
 
 void KeychainStore::setFaultHook(FaultHook hook) {
