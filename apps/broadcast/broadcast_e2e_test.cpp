@@ -298,6 +298,16 @@ class BroadcastEndToEndTest : public ::testing::TestWithParam<ServiceKind> {
     broadcast_ = std::make_unique<ChildProcess>(ZEPHLO_BROADCAST_PROGRAM, args);
     ASSERT_GT(broadcast_->pid(), 0);
   }
+  // An active full-device session, the broadcast streaming its first frame and
+  // the control socket listening for changes.
+  void startStreaming() {
+    storeApi();
+    storeSession();
+    service_->answerWith({"active", true});
+    startBroadcast();
+    ASSERT_TRUE(service_->runUntil([&] { return service_->frames() >= 1 && service_->controlConnected(); }))
+        << stderrText();
+  }
   bool waitForStderr(const std::string& line) {
     return service_->runUntil([&] { return broadcast_->hasStderrLine(line); });
   }
@@ -399,23 +409,13 @@ TEST_P(BroadcastEndToEndTest, FullDeviceOffAtStartEnds) {
 }
 
 TEST_P(BroadcastEndToEndTest, FullDeviceSwitchedOffWhileStreamingEnds) {
-  storeApi();
-  storeSession();
-  service_->answerWith({"active", true});
-  startBroadcast();
-  ASSERT_TRUE(service_->runUntil([&] { return service_->frames() >= 1 && service_->controlConnected(); }))
-      << stderrText();
+  startStreaming();
   service_->pushSession({"active", false});
   expectEndedWith("Full device mode switched off");
 }
 
 TEST_P(BroadcastEndToEndTest, SessionEndedEndsAndForgetsTheSessionItem) {
-  storeApi();
-  storeSession();
-  service_->answerWith({"active", true});
-  startBroadcast();
-  ASSERT_TRUE(service_->runUntil([&] { return service_->frames() >= 1 && service_->controlConnected(); }))
-      << stderrText();
+  startStreaming();
   service_->pushSession({"ended", true});
   expectEndedWith("Session ended");
   std::string value;
