@@ -166,10 +166,13 @@ std::uint8_t fixedToByte(std::int32_t v) {
 
 // Writes the mean of each block of `sums`, channel `c`, one byte per block.
 template <class Sums>
-ZEPHLO_VECTOR_LOOPS void writeMeans(const Sums& sums, int c, std::uint8_t* out) {
-  const std::uint32_t* s = sums.channel(c);
+ZEPHLO_VECTOR_LOOPS void writeMeans(const Sums& sums, int c, std::uint8_t* __restrict out) {
+  // Bytes may alias anything: the bound and the sums are read into locals the
+  // stores cannot touch, or the loop is not vectorised.
+  const std::uint32_t* __restrict s = sums.channel(c);
+  const int blocks = sums.blocks();
   const std::int32_t w = fixedWeight(1.0, sums.area());
-  for (int x = 0; x < sums.blocks(); ++x) out[x] = fixedToByte(w * static_cast<std::int32_t>(s[x]));
+  for (int x = 0; x < blocks; ++x) out[x] = fixedToByte(w * static_cast<std::int32_t>(s[x]));
   const int last = sums.blocks() - 1;
   out[last] = fixedToByte(fixedWeight(1.0, sums.lastArea()) * static_cast<std::int32_t>(s[last]));
 }
@@ -235,30 +238,35 @@ class BgraShrinker {
  private:
   using Sums = BandSums<4, 3>;
 
-  ZEPHLO_VECTOR_LOOPS static void writeLuma(const Sums& band, std::uint8_t* y) {
-    const std::uint32_t *b = band.channel(0), *g = band.channel(1), *r = band.channel(2);
-    const JfifWeights w(band.area());
-    const auto luma = [&](const JfifWeights& w, int x) {
-      return fixedToByte(w.yr * static_cast<std::int32_t>(r[x]) + w.yg * static_cast<std::int32_t>(g[x]) +
-                         w.yb * static_cast<std::int32_t>(b[x]));
+  ZEPHLO_VECTOR_LOOPS static void writeLuma(const Sums& band, std::uint8_t* __restrict y) {
+    const std::uint32_t *__restrict b = band.channel(0), *__restrict g = band.channel(1),
+                                    *__restrict r = band.channel(2);
+    const int blocks = band.blocks();
+    const auto write = [&](const JfifWeights& w, int from, int to) {
+      const std::int32_t wr = w.yr, wg = w.yg, wb = w.yb;
+      for (int x = from; x < to; ++x)
+        y[x] = fixedToByte(wr * static_cast<std::int32_t>(r[x]) + wg * static_cast<std::int32_t>(g[x]) +
+                           wb * static_cast<std::int32_t>(b[x]));
     };
-    for (int x = 0; x < band.blocks(); ++x) y[x] = luma(w, x);
-    const int last = band.blocks() - 1;
-    y[last] = luma(JfifWeights(band.lastArea()), last);
+    write(JfifWeights(band.area()), 0, blocks - 1);
+    write(JfifWeights(band.lastArea()), blocks - 1, blocks);
   }
 
   // Chroma of each pair of blocks across the `bands` bands just summed. Pairs of
   // whole blocks from two bands share one area; the others (the right and bottom
   // edges) are weighed by their own.
-  ZEPHLO_VECTOR_LOOPS void writeChroma(int bands, std::uint8_t* cb, std::uint8_t* cr, int width) const {
+  ZEPHLO_VECTOR_LOOPS void writeChroma(int bands, std::uint8_t* __restrict cb, std::uint8_t* __restrict cr,
+                                       int width) const {
     const Sums& top = bands_[0];
     const Sums& bottom = bands_[1];
     int fast = 0;
     if (bands == 2) {
       fast = top.lastArea() == top.area() ? top.blocks() / 2 : (top.blocks() - 1) / 2;
       const JfifWeights w(2 * (top.area() + bottom.area()));
-      const std::uint32_t *b0 = top.channel(0), *g0 = top.channel(1), *r0 = top.channel(2);
-      const std::uint32_t *b1 = bottom.channel(0), *g1 = bottom.channel(1), *r1 = bottom.channel(2);
+      const std::uint32_t *__restrict b0 = top.channel(0), *__restrict g0 = top.channel(1),
+                                      *__restrict r0 = top.channel(2);
+      const std::uint32_t *__restrict b1 = bottom.channel(0), *__restrict g1 = bottom.channel(1),
+                                      *__restrict r1 = bottom.channel(2);
       for (int x = 0; x < fast; ++x) {
         const auto b = static_cast<std::int32_t>(b0[2 * x] + b0[2 * x + 1] + b1[2 * x] + b1[2 * x + 1]);
         const auto g = static_cast<std::int32_t>(g0[2 * x] + g0[2 * x + 1] + g1[2 * x] + g1[2 * x + 1]);
