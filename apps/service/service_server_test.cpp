@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
 #include <chrono>
 #include <memory>
@@ -49,19 +49,20 @@ class ServiceServerTest : public ::testing::Test {
   }
 
   static platform::MainQueue& queue() { return platform::MainQueue::shared(); }
-
   bool waitFor(const std::function<bool()>& done) { return queue().runUntil(done, 5s); }
 
   HttpResult fetch(std::string method, std::string target, std::string body = "") {
-    HttpResult result;
-    bool done = false;
+    std::optional<HttpResult> result;
     httpCall({"127.0.0.1", server_->port(), std::move(method), std::move(target), std::move(body), {}},
-             [&](HttpResult r) {
-               result = std::move(r);
-               done = true;
-             });
-    EXPECT_TRUE(waitFor([&] { return done; }));
-    return result;
+             [&](HttpResult r) { result = std::move(r); });
+    EXPECT_TRUE(waitFor([&] { return result.has_value(); }));
+    return result.value_or(HttpResult{});
+  }
+  HttpResult putSession(const std::string& idOrCode, std::string body) {
+    return fetch("PUT", "/api/1/sessions/" + idOrCode, std::move(body));
+  }
+  HttpResult postEvent(const std::string& id, std::string body) {
+    return fetch("POST", "/console/api/sessions/" + id + "/events", std::move(body));
   }
 
   // Writes bytes on a fresh TCP connection and reads until the service closes it.
@@ -71,24 +72,15 @@ class ServiceServerTest : public ::testing::Test {
     socket.connect({asio::ip::make_address("127.0.0.1"), server_->port()});
     asio::write(socket, asio::buffer(bytes));
     std::string answer;
-    std::array<char, 1024> chunk;
     bool closed = false;
-    std::function<void()> readMore = [&] {
-      socket.async_read_some(asio::buffer(chunk), [&](boost::system::error_code ec, std::size_t n) {
-        answer.append(chunk.data(), n);
-        if (ec) {
-          closed = true;
-          return;
-        }
-        readMore();
-      });
-    };
-    readMore();
+    asio::async_read(socket, asio::dynamic_buffer(answer), [&](boost::system::error_code, std::size_t) { closed = true; });
     EXPECT_TRUE(waitFor([&] { return closed; }));
     return answer;
   }
 
-  static ValueMap bodyOf(const HttpResult& r) {
+  // The reply's JSON object; `status`, when given, is the one expected.
+  static ValueMap bodyOf(const HttpResult& r, std::optional<int> status = std::nullopt) {
+    EXPECT_EQ(r.status, status.value_or(r.status)) << r.body;
     auto v = json::parse(r.body);
     EXPECT_TRUE(v && v->isMap()) << r.body;
     return v && v->isMap() ? *v->asMap() : ValueMap{};
@@ -99,11 +91,7 @@ class ServiceServerTest : public ::testing::Test {
     return s ? *s : std::string();
   }
 
-  ValueMap createSession() {
-    const HttpResult r = fetch("POST", "/api/1/sessions", "{}");
-    EXPECT_EQ(r.status, 201) << r.body;
-    return bodyOf(r);
-  }
+  ValueMap createSession() { return bodyOf(fetch("POST", "/api/1/sessions", "{}"), 201); }
 
   // The path of a socket URL handed out by the service, with the socket suffix.
   static std::string socketTarget(const ValueMap& session, std::string_view urlField) {
@@ -119,20 +107,16 @@ class ServiceServerTest : public ::testing::Test {
     return client;
   }
 
-  enum class SocketKindName { Control, Stream };
-  std::shared_ptr<WireClient> openSocket(const ValueMap& session, SocketKindName kind) {
-    const bool control = kind == SocketKindName::Control;
-    auto client = connect(socketTarget(session, control ? wire::kControlUrl : wire::kStreamUrl),
-                          text(session, control ? wire::kControlToken : wire::kStreamToken));
+  // `kind` is "control" or "stream": the session names the socket's URL and token after it.
+  std::shared_ptr<WireClient> openSocket(const ValueMap& session, const std::string& kind) {
+    auto client = connect(socketTarget(session, kind + "_url"), text(session, kind + "_token"));
     EXPECT_EQ(client->state(), WireClient::State::Open);
     return client;
   }
   // Subscribes and waits for the acknowledgement.
   void subscribe(WireClient& client, std::vector<std::string> events) {
-    ValueArray names(events.begin(), events.end());
-    roundTrip(client, wire::kFilter, ValueMap{{wire::kFilterEvents, names}});
+    roundTrip(client, wire::kFilter, ValueMap{{wire::kFilterEvents, ValueArray(events.begin(), events.end())}});
   }
-
   // Sends a message and waits for its acknowledgement. The service writes in
   // order, so everything it queued for this socket before reading the message has
   // arrived by then.
@@ -141,117 +125,101 @@ class ServiceServerTest : public ::testing::Test {
     ASSERT_TRUE(waitFor([&] { return client.lastAck() >= id; })) << "no ack for " << id;
   }
 
+  // A console socket that the service has confirmed to be watching session `id`.
+  std::shared_ptr<WireClient> watchingConsole(const std::string& id) {
+    auto console = connect("/console/ws", std::nullopt);
+    EXPECT_EQ(console->state(), WireClient::State::Open);
+    say(*console, R"({"type":"watch","session":")" + id + R"("})");
+    EXPECT_TRUE(waitFor([&] { return countTexts(*console, R"("type":"watching")") > 0; }));
+    return console;
+  }
+  static void say(WireClient& console, const std::string& json) {
+    console.sendRaw(Bytes(json.begin(), json.end()), true);
+  }
+  static std::size_t countTexts(const WireClient& client, std::string_view part) {
+    const auto texts = client.texts();
+    return static_cast<std::size_t>(
+        std::ranges::count_if(texts, [&](const std::string& t) { return t.find(part) != std::string::npos; }));
+  }
+
   std::unique_ptr<ServiceServer> server_;
   std::vector<std::shared_ptr<WireClient>> clients_;
 };
 
 TEST_F(ServiceServerTest, AnswersTheSessionResourceWithStatusesAndMessages) {
   const ValueMap session = createSession();
-  const std::string id = text(session, "id");
-  const std::string code = text(session, "code");
-  EXPECT_EQ(text(session, "type"), "Session");
-  EXPECT_EQ(text(session, "state"), "pending");
-  EXPECT_EQ(session.get("full_device"), Value(false));
-  EXPECT_EQ(text(session, "control_url"),
-            "ws://127.0.0.1:" + std::to_string(server_->port()) + "/sessions/" + id + "/control");
-  EXPECT_EQ(text(session, "stream_url"),
-            "ws://127.0.0.1:" + std::to_string(server_->port()) + "/sessions/" + id + "/stream");
+  const std::string id = text(session, "id"), code = text(session, "code");
+  const std::string urlBase = "ws://127.0.0.1:" + std::to_string(server_->port()) + "/sessions/" + id;
+  // The resource itself is the store's; the service adds its own address.
+  EXPECT_EQ(text(session, "control_url"), urlBase + "/control");
+  EXPECT_EQ(text(session, "stream_url"), urlBase + "/stream");
 
   // By id and by code.
   HttpResult r = fetch("GET", "/api/1/sessions/" + id);
-  EXPECT_EQ(r.status, 200);
   EXPECT_EQ(r.contentType, "application/json; charset=utf-8");
-  EXPECT_EQ(bodyOf(r), session);
-  r = fetch("GET", "/api/1/sessions/" + code);
-  EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(text(bodyOf(r), "id"), id);
+  EXPECT_EQ(bodyOf(r, 200), session);
+  EXPECT_EQ(bodyOf(fetch("GET", "/api/1/sessions/" + code), 200), session);
 
   // The extension's full-device switch answers the whole session.
-  r = fetch("PUT", "/api/1/sessions/" + id, R"({"full_device":true})");
-  EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(bodyOf(r).get("full_device"), Value(true));
-  EXPECT_EQ(text(bodyOf(r), "state"), "pending");
-  r = fetch("PUT", "/api/1/sessions/" + code, R"({"state":"active"})");
-  EXPECT_EQ(text(bodyOf(r), "state"), "active");
+  const ValueMap changed = bodyOf(putSession(id, R"({"full_device":true})"), 200);
+  EXPECT_EQ(changed.get("full_device"), Value(true));
+  EXPECT_EQ(text(changed, "state"), "pending");
+  EXPECT_EQ(text(bodyOf(putSession(code, R"({"state":"active"})"), 200), "state"), "active");
 
   // Refusals: a JSON object with a "message" and the status that says why.
-  struct Refusal {
+  const struct {
     const char* method;
     std::string target;
     const char* body;
     int status;
-  };
-  const Refusal refusals[] = {
+  } refusals[] = {
       {"GET", "/api/1/sessions/unknown", "", 404},
       {"PUT", "/api/1/sessions/unknown", R"({"state":"active"})", 404},
       {"PUT", "/api/1/sessions/" + id, "", 400},
       {"PUT", "/api/1/sessions/" + id, "{not json", 400},
       {"PUT", "/api/1/sessions/" + id, "[1]", 400},
       {"PUT", "/api/1/sessions/" + id, R"({"state":"paused"})", 422},
-      {"PUT", "/api/1/sessions/" + id, R"({"full_device":"on"})", 422},
       {"DELETE", "/api/1/sessions/" + id, "", 405},
       {"GET", "/api/1/sessions", "", 405},
       {"POST", "/api/1/sessions", "{oops", 400},
       {"GET", "/api/1/nothing", "", 404},
   };
-  for (const Refusal& c : refusals) {
+  for (const auto& c : refusals) {
     SCOPED_TRACE(std::string(c.method) + " " + c.target + " " + c.body);
-    r = fetch(c.method, c.target, c.body);
-    EXPECT_EQ(r.status, c.status);
-    EXPECT_TRUE(bodyOf(r).get("message").isString()) << r.body;
+    EXPECT_TRUE(bodyOf(fetch(c.method, c.target, c.body), c.status).get("message").isString());
   }
-  // None of them changed the session.
-  r = fetch("GET", "/api/1/sessions/" + id);
-  EXPECT_EQ(text(bodyOf(r), "state"), "active");
-  EXPECT_EQ(bodyOf(r).get("full_device"), Value(true));
 
-  r = fetch("PUT", "/api/1/sessions/" + id, R"({"state":"ended"})");
-  EXPECT_EQ(r.status, 200);
-  r = fetch("PUT", "/api/1/sessions/" + id, R"({"state":"active"})");
-  EXPECT_EQ(r.status, 409);
-  EXPECT_EQ(text(bodyOf(r), "message"), "Session has ended");
+  EXPECT_EQ(putSession(id, R"({"state":"ended"})").status, 200);
+  EXPECT_EQ(text(bodyOf(putSession(id, R"({"state":"active"})"), 409), "message"), "Session has ended");
 }
 
 TEST_F(ServiceServerTest, StoresAndDeletesDevices) {
-  HttpResult r = fetch("PUT", "/api/1/devices/DEV-1",
-                       R"({"push_token":"0aff","push_provider":"APNS","device":{"model":"x"},"custom_data":{}})");
-  EXPECT_EQ(r.status, 200);
-  ValueMap device = bodyOf(r);
-  EXPECT_EQ(text(device, "id"), "DEV-1");
-  EXPECT_EQ(text(device, "push_token"), "0aff");
-  EXPECT_EQ(device.get("next_registration").toDouble(), 3600.0);
-  r = fetch("GET", "/api/1/devices/DEV-1");
-  EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(text(bodyOf(r), "push_provider"), "APNS");
+  const std::string device = R"({"push_token":"0aff","push_provider":"APNS","device":{"model":"x"},"custom_data":{}})";
+  EXPECT_EQ(text(bodyOf(fetch("PUT", "/api/1/devices/DEV-1", device), 200), "id"), "DEV-1");
+  EXPECT_EQ(text(bodyOf(fetch("GET", "/api/1/devices/DEV-1"), 200), "push_provider"), "APNS");
   EXPECT_EQ(fetch("PUT", "/api/1/devices/DEV-1", "\"text\"").status, 400);
-  r = fetch("DELETE", "/api/1/devices/DEV-1");
-  EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(text(bodyOf(r), "id"), "DEV-1");
-  r = fetch("DELETE", "/api/1/devices/DEV-1");
-  EXPECT_EQ(r.status, 404);
-  EXPECT_EQ(text(bodyOf(r), "message"), "Device not found");
+  EXPECT_EQ(text(bodyOf(fetch("DELETE", "/api/1/devices/DEV-1"), 200), "id"), "DEV-1");
+  EXPECT_EQ(text(bodyOf(fetch("DELETE", "/api/1/devices/DEV-1"), 404), "message"), "Device not found");
   EXPECT_EQ(fetch("POST", "/api/1/devices/DEV-1", "{}").status, 405);
 }
 
 TEST_F(ServiceServerTest, SocketsNeedTheirOwnBearerToken) {
   const ValueMap session = createSession();
-  const std::string control = socketTarget(session, wire::kControlUrl);
-  const std::string stream = socketTarget(session, wire::kStreamUrl);
-
-  struct Attempt {
+  const std::string control = socketTarget(session, "control_url"), stream = socketTarget(session, "stream_url");
+  const std::string streamToken = text(session, "stream_token"), controlToken = text(session, "control_token");
+  const struct {
     std::string target;
     std::optional<std::string> token;
     int status;
-  };
-  const Attempt refused[] = {
+  } refused[] = {
       {stream, std::nullopt, 401},
       {stream, "wrong", 401},
-      {stream, text(session, "control_token"), 401},  // the other socket's token
-      {control, text(session, "stream_token"), 401},
-      {"/sessions/unknown/stream/sockets/1/ws", text(session, "stream_token"), 404},
-      {"/sessions/" + text(session, "id") + "/other/sockets/1/ws", text(session, "stream_token"), 404},
+      {stream, controlToken, 401},  // the other socket's token
+      {control, streamToken, 401},
+      {"/sessions/unknown/stream/sockets/1/ws", streamToken, 404},
+      {"/sessions/" + text(session, "id") + "/other/sockets/1/ws", streamToken, 404},
   };
-  for (const Attempt& a : refused) {
+  for (const auto& a : refused) {
     SCOPED_TRACE(a.target + " " + a.token.value_or("(none)"));
     auto client = connect(a.target, a.token);
     ASSERT_EQ(client->state(), WireClient::State::Refused);
@@ -260,30 +228,30 @@ TEST_F(ServiceServerTest, SocketsNeedTheirOwnBearerToken) {
     ASSERT_TRUE(body && body->isMap()) << client->refusedBody();
     EXPECT_TRUE(body->asMap()->get("message").isString());
   }
-  EXPECT_EQ(connect(stream, text(session, "stream_token"))->state(), WireClient::State::Open);
-  EXPECT_EQ(connect(control, text(session, "control_token"))->state(), WireClient::State::Open);
+  EXPECT_EQ(connect(stream, streamToken)->state(), WireClient::State::Open);
+  EXPECT_EQ(connect(control, controlToken)->state(), WireClient::State::Open);
 
   // An ended session takes no new sockets.
-  fetch("PUT", "/api/1/sessions/" + text(session, "id"), R"({"state":"ended"})");
-  auto late = connect(stream, text(session, "stream_token"));
+  putSession(text(session, "id"), R"({"state":"ended"})");
+  auto late = connect(stream, streamToken);
   EXPECT_EQ(late->state(), WireClient::State::Refused);
   EXPECT_EQ(late->refusedStatus(), 410);
 }
 
 TEST_F(ServiceServerTest, AcknowledgesEveryMessageByIdAndSurvivesGarbage) {
   const ValueMap session = createSession();
-  auto stream = openSocket(session, SocketKindName::Stream);
+  auto stream = openSocket(session, "stream");
   stream->send("filter", ValueMap{{"events", ValueArray{"touch"}}});
   stream->send("screen", ValueMap{{"type", "Screen"}});
   stream->send("nobody-listens", ValueMap{});
-  // Garbage of every kind: not CBOR, CBOR that is not a map, a map without an id,
-  // a text frame, a map whose keys the client's decoder would stop on.
+  // Not CBOR, CBOR that is not a map, a map without an id, a text frame, and maps
+  // whose integer keys collide once converted ({1: 1, -1: 2} and {1: 1, -2: 2}).
   stream->sendRaw(Bytes{0xFF, 0x00, 0x13});
   stream->sendRaw(*cbor::encode(Value(ValueArray{1, 2})));
   stream->sendRaw(*cbor::encode(Value(ValueMap{{"event", "frame"}, {"data", ValueMap{}}})));
   stream->sendRaw(Bytes{'h', 'i'}, true);
-  stream->sendRaw(Bytes{0xA2, 0x01, 0x01, 0x20, 0x02});  // {1: 1, -1: 2}: keys 1 and 0... and duplicates
-  stream->sendRaw(Bytes{0xA2, 0x01, 0x01, 0x21, 0x02});  // {1: 1, -2: 2}: -2 arrives as 1, a duplicate
+  stream->sendRaw(Bytes{0xA2, 0x01, 0x01, 0x20, 0x02});
+  stream->sendRaw(Bytes{0xA2, 0x01, 0x01, 0x21, 0x02});
   const std::uint64_t last = stream->send("screen", ValueMap{});
   ASSERT_TRUE(waitFor([&] { return stream->lastAck() == last; }));
 
@@ -293,55 +261,44 @@ TEST_F(ServiceServerTest, AcknowledgesEveryMessageByIdAndSurvivesGarbage) {
   EXPECT_EQ(acks, (std::vector<std::uint64_t>{1, 2, 3, 4}));
   EXPECT_EQ(stream->state(), WireClient::State::Open);
   EXPECT_EQ(stream->undecodable(), 0u);
-  // The service is still answering.
-  EXPECT_EQ(fetch("GET", "/api/1/sessions/" + text(session, "id")).status, 200);
+  EXPECT_EQ(fetch("GET", "/api/1/sessions/" + text(session, "id")).status, 200);  // still answering
 }
 
 TEST_F(ServiceServerTest, SocketsReceiveOnlyTheEventsTheySubscribedTo) {
   const ValueMap session = createSession();
   const std::string id = text(session, "id");
-  auto touchOnly = openSocket(session, SocketKindName::Stream);
-  auto extension = openSocket(session, SocketKindName::Stream);
-  auto unsubscribed = openSocket(session, SocketKindName::Stream);
+  auto touchOnly = openSocket(session, "stream");
+  auto extension = openSocket(session, "stream");
+  auto unsubscribed = openSocket(session, "stream");
   subscribe(*touchOnly, {"touch"});
   subscribe(*extension, {"drawing", "laser", "url", "touch", "keypress", "sync", "probe"});
 
-  HttpResult r = fetch("POST", "/console/api/sessions/" + id + "/events",
-                       R"({"event":"laser","data":{"type":"Laser","id":"l1","state":"touchstart","x":10,"y":20}})");
-  EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(bodyOf(r).get("delivered").toDouble(), 1.0);
-  r = fetch("POST", "/console/api/sessions/" + id + "/events",
-            R"({"event":"touch","data":{"type":"Touch","id":"t1","state":"touchend",)"
-            R"("timestamp":"2024-05-01T13:45:07.123+0200","x":1.5,"y":2.5}})");
-  EXPECT_EQ(bodyOf(r).get("delivered").toDouble(), 2.0);
+  const auto delivered = [&](const std::string& json) { return bodyOf(postEvent(id, json), 200).get("delivered").toDouble(); };
+  EXPECT_EQ(delivered(R"({"event":"laser","data":{"type":"Laser","id":"l1","state":"touchstart","x":10,"y":20}})"), 1.0);
+  EXPECT_EQ(delivered(R"({"event":"touch","data":{"type":"Touch","id":"t1","state":"touchend",)"
+                      R"("timestamp":"2024-05-01T13:45:07.123+0200","x":1.5,"y":2.5}})"),
+            2.0);
   // Not an agent event, and not a session.
-  EXPECT_EQ(fetch("POST", "/console/api/sessions/" + id + "/events", R"({"event":"frame","data":{}})").status, 422);
-  EXPECT_EQ(fetch("POST", "/console/api/sessions/nope/events", R"({"event":"sync","data":{}})").status, 404);
+  EXPECT_EQ(postEvent(id, R"({"event":"frame","data":{}})").status, 422);
+  EXPECT_EQ(postEvent("nope", R"({"event":"sync","data":{}})").status, 404);
 
   for (auto* c : {touchOnly.get(), extension.get(), unsubscribed.get()}) roundTrip(*c);
   EXPECT_TRUE(touchOnly->events("laser").empty());
   ASSERT_EQ(touchOnly->events("touch").size(), 1u);
-  const ValueMap touch = touchOnly->events("touch")[0];
-  EXPECT_EQ(text(touch, "type"), "Touch");
-  EXPECT_EQ(text(touch, "state"), "touchend");
-  EXPECT_EQ(text(touch, "timestamp"), "2024-05-01T13:45:07.123+0200");
-  EXPECT_EQ(touch.get("x").toDouble(), 1.5);
-  EXPECT_EQ(touch.get("y").toDouble(), 2.5);
+  const ValueMap touch{{"type", "Touch"}, {"id", "t1"},  {"state", "touchend"},
+                       {"timestamp", "2024-05-01T13:45:07.123+0200"}, {"x", 1.5}, {"y", 2.5}};
+  EXPECT_EQ(touchOnly->events("touch")[0], touch) << Value(touchOnly->events("touch")[0]).debugString();
   ASSERT_EQ(extension->events("laser").size(), 1u);
-  const ValueMap laser = extension->events("laser")[0];
-  EXPECT_EQ(text(laser, "type"), "Laser");
-  EXPECT_EQ(text(laser, "id"), "l1");
-  EXPECT_EQ(text(laser, "state"), "touchstart");
-  EXPECT_EQ(laser.get("x").toDouble(), 10.0);
-  EXPECT_EQ(laser.get("y").toDouble(), 20.0);
+  const ValueMap laser{{"type", "Laser"}, {"id", "l1"}, {"state", "touchstart"}, {"x", 10u}, {"y", 20u}};
+  EXPECT_EQ(extension->events("laser")[0], laser) << Value(extension->events("laser")[0]).debugString();
   EXPECT_EQ(extension->events("touch").size(), 1u);
   // Before any filter a socket hears nothing but its acknowledgements.
   for (const ValueMap& m : unsubscribed->received()) EXPECT_TRUE(m.contains("ack")) << Value(m).debugString();
 
   // A new filter replaces the old one.
   subscribe(*touchOnly, {"sync"});
-  fetch("POST", "/console/api/sessions/" + id + "/events", R"({"event":"touch","data":{}})");
-  fetch("POST", "/console/api/sessions/" + id + "/events", R"({"event":"sync"})");
+  postEvent(id, R"({"event":"touch","data":{}})");
+  postEvent(id, R"({"event":"sync"})");
   roundTrip(*touchOnly);
   EXPECT_EQ(touchOnly->events("touch").size(), 1u);
   EXPECT_EQ(touchOnly->events("sync").size(), 1u);
@@ -350,16 +307,16 @@ TEST_F(ServiceServerTest, SocketsReceiveOnlyTheEventsTheySubscribedTo) {
 TEST_F(ServiceServerTest, PushesTheSessionOnControlSocketsWhenItChanges) {
   const ValueMap session = createSession();
   const std::string id = text(session, "id");
-  auto control = openSocket(session, SocketKindName::Control);
-  auto silent = openSocket(session, SocketKindName::Control);
-  auto stream = openSocket(session, SocketKindName::Stream);
+  auto control = openSocket(session, "control");
+  auto silent = openSocket(session, "control");
+  auto stream = openSocket(session, "stream");
   subscribe(*control, {"session"});
   subscribe(*stream, {"session", "touch"});  // sessions go out on control sockets only
 
-  fetch("PUT", "/api/1/sessions/" + id, R"({"state":"active","full_device":true})");
-  fetch("PUT", "/api/1/sessions/" + id, R"({"state":"active"})");  // no change, no push
-  fetch("PUT", "/api/1/sessions/" + id, R"({"state":"bogus"})");   // refused, no push
-  const HttpResult ended = fetch("PUT", "/api/1/sessions/" + id, R"({"state":"ended"})");
+  putSession(id, R"({"state":"active","full_device":true})");
+  putSession(id, R"({"state":"active"})");  // no change, no push
+  putSession(id, R"({"state":"bogus"})");   // refused, no push
+  const HttpResult ended = putSession(id, R"({"state":"ended"})");
   for (auto* c : {control.get(), silent.get(), stream.get()}) roundTrip(*c);
 
   const auto pushes = control->events("session");
@@ -383,24 +340,16 @@ TEST_F(ServiceServerTest, PushesTheSessionOnControlSocketsWhenItChanges) {
 TEST_F(ServiceServerTest, CountsFramesKeepsTheLatestAndShowsThemToTheConsole) {
   const ValueMap session = createSession();
   const std::string id = text(session, "id");
-  auto console = connect("/console/ws", std::nullopt);
-  ASSERT_EQ(console->state(), WireClient::State::Open);
-  ASSERT_TRUE(waitFor([&] { return !console->texts().empty(); }));
-  auto first = json::parse(console->texts()[0]);
+  auto console = watchingConsole(id);
+  auto first = json::parse(console->texts().at(0));
   ASSERT_TRUE(first && first->isMap());
   EXPECT_EQ(text(*first->asMap(), "type"), "sessions");
-  console->sendRaw(Bytes{}, true);  // not JSON: an error, not a crash
-  const std::string watch = R"({"type":"watch","session":")" + id + R"("})";
-  console->sendRaw(Bytes(watch.begin(), watch.end()), true);
-  ASSERT_TRUE(waitFor([&] {
-    for (const std::string& t : console->texts())
-      if (t.find(R"("type":"watching")") != std::string::npos) return true;
-    return false;
-  }));
+  say(*console, "");  // not JSON: an error, not a crash
+  ASSERT_TRUE(waitFor([&] { return countTexts(*console, R"("type":"error")") == 1; }));
 
   const auto jpegs = patternFrames(64, 48, 3, 0.6);
   ASSERT_EQ(jpegs.size(), 3u);
-  auto stream = openSocket(session, SocketKindName::Stream);
+  auto stream = openSocket(session, "stream");
   std::uint64_t bytes = 0;
   for (std::uint64_t frameId : {0u, 1u, 3u}) {  // frame 2 was dropped by the sender
     const SharedBytes& jpeg = jpegs[frameId % 3];
@@ -414,11 +363,9 @@ TEST_F(ServiceServerTest, CountsFramesKeepsTheLatestAndShowsThemToTheConsole) {
   const ValueMap summary = bodyOf(fetch("GET", "/console/api/sessions/" + id));
   const ValueMap* stats = mapField(summary, "stats");
   ASSERT_TRUE(stats);
-  EXPECT_EQ(stats->get("frames").toDouble(), 3.0);
-  EXPECT_EQ(stats->get("bytes").toDouble(), static_cast<double>(bytes));
-  EXPECT_EQ(stats->get("missing_ids").toDouble(), 1.0);
-  EXPECT_EQ(stats->get("last_frame_id").toDouble(), 3.0);
-  EXPECT_EQ(stats->get("last_quality").toDouble(), 60.0);
+  for (const auto& [key, expected] : {std::pair<const char*, double>{"frames", 3}, {"bytes", static_cast<double>(bytes)},
+                                      {"missing_ids", 1}, {"last_frame_id", 3}, {"last_quality", 60}})
+    EXPECT_EQ(stats->get(key).toDouble(), expected) << key;
   EXPECT_EQ(summary.get("stream_sockets").toDouble(), 1.0);
   const HttpResult frame = fetch("GET", "/console/api/sessions/" + id + "/frame");
   EXPECT_EQ(frame.status, 200);
@@ -426,26 +373,21 @@ TEST_F(ServiceServerTest, CountsFramesKeepsTheLatestAndShowsThemToTheConsole) {
   EXPECT_EQ(Bytes(frame.body.begin(), frame.body.end()), *jpegs[0]);  // frame 3 is jpegs[0]
   EXPECT_EQ(fetch("GET", "/console/api/sessions/" + text(createSession(), "id") + "/frame").status, 404);
 
-  // The console saw an error for the empty text, then frames as binary
-  // messages: a length, JSON figures, the JPEG. Frames not yet written are
-  // replaced by newer ones, so at least the last one arrives.
-  ASSERT_TRUE(waitFor([&] {
-    for (const auto& raw : console->raw())
-      if (!raw.text && raw.bytes.size() > 4 && std::equal(jpegs[0]->begin(), jpegs[0]->end(), raw.bytes.end() - jpegs[0]->size()))
-        return true;
-    return false;
-  }));
-  bool sawError = false;
-  for (const std::string& t : console->texts()) sawError |= t.find(R"("type":"error")") != std::string::npos;
-  EXPECT_TRUE(sawError);
+  // Frames reach the console as binary messages: a length, JSON figures, the
+  // JPEG. Newer frames replace those not yet written, so the last one arrives.
+  const auto isLastFrame = [&](const WireClient::Raw& raw) {
+    return !raw.text && raw.bytes.size() > 4 &&
+           std::equal(jpegs[0]->begin(), jpegs[0]->end(), raw.bytes.end() - jpegs[0]->size());
+  };
+  ASSERT_TRUE(waitFor([&] { return std::ranges::any_of(console->raw(), isLastFrame); }));
   // The newest frame message (text messages such as session lists come and go).
   const auto binary = std::find_if(console->raw().rbegin(), console->raw().rend(),
                                    [](const WireClient::Raw& raw) { return !raw.text; });
   ASSERT_NE(binary, console->raw().rend());
-  const WireClient::Raw& last = *binary;
-  const std::size_t length = (std::size_t{last.bytes[0]} << 24) | (last.bytes[1] << 16) | (last.bytes[2] << 8) | last.bytes[3];
-  ASSERT_EQ(4 + length + jpegs[0]->size(), last.bytes.size());
-  auto figures = json::parse(std::string(last.bytes.begin() + 4, last.bytes.begin() + 4 + static_cast<long>(length)));
+  const Bytes& last = binary->bytes;
+  const std::size_t length = (std::size_t{last[0]} << 24) | (last[1] << 16) | (last[2] << 8) | last[3];
+  ASSERT_EQ(4 + length + jpegs[0]->size(), last.size());
+  auto figures = json::parse(std::string(last.begin() + 4, last.begin() + 4 + static_cast<long>(length)));
   ASSERT_TRUE(figures && figures->isMap());
   EXPECT_EQ(text(*figures->asMap(), "session"), id);
   EXPECT_EQ(figures->asMap()->get("last_frame_id").toDouble(), 3.0);
@@ -454,75 +396,55 @@ TEST_F(ServiceServerTest, CountsFramesKeepsTheLatestAndShowsThemToTheConsole) {
 TEST_F(ServiceServerTest, ConsoleRelaysAgentEventsAndProbeRepliesComeBack) {
   const ValueMap session = createSession();
   const std::string id = text(session, "id");
-  auto stream = openSocket(session, SocketKindName::Stream);
+  auto stream = openSocket(session, "stream");
   subscribe(*stream, {"touch", "probe", "sync"});
-  auto console = connect("/console/ws", std::nullopt);
-  ASSERT_EQ(console->state(), WireClient::State::Open);
-  auto say = [&](const std::string& json) { console->sendRaw(Bytes(json.begin(), json.end()), true); };
-  say(R"({"type":"watch","session":")" + id + R"("})");
-  say(R"({"type":"event","session":")" + id +
-      R"(","event":"touch","data":{"type":"Touch","id":"agent-1","state":"touchstart","timestamp":"2024-05-01T13:45:07.123+0200","x":12,"y":34}})");
-  say(R"({"type":"event","session":")" + id + R"(","event":"probe","data":{"n":1,"sent_at":5}})");
-  say(R"({"type":"event","session":")" + id + R"(","event":"frame","data":{}})");  // not an agent event
+  auto console = watchingConsole(id);
+  const std::string event = R"({"type":"event","session":")" + id + R"(","event":)";
+  say(*console, event + R"("touch","data":{"type":"Touch","id":"agent-1","state":"touchstart",)"
+                        R"("timestamp":"2024-05-01T13:45:07.123+0200","x":12,"y":34}})");
+  say(*console, event + R"("probe","data":{"n":1,"sent_at":5}})");
+  say(*console, event + R"("frame","data":{}})");  // not an agent event
   ASSERT_TRUE(waitFor([&] { return stream->events("probe").size() == 1; }));
   ASSERT_EQ(stream->events("touch").size(), 1u);
-  const ValueMap touch = stream->events("touch")[0];
-  EXPECT_EQ(text(touch, "state"), "touchstart");
-  EXPECT_EQ(touch.get("x").toDouble(), 12.0);
-  EXPECT_EQ(text(touch, "timestamp"), "2024-05-01T13:45:07.123+0200");
+  const ValueMap touch{{"type", "Touch"}, {"id", "agent-1"}, {"state", "touchstart"},
+                       {"timestamp", "2024-05-01T13:45:07.123+0200"}, {"x", 12u}, {"y", 34u}};
+  EXPECT_EQ(stream->events("touch")[0], touch) << Value(stream->events("touch")[0]).debugString();
 
   // The extension answers the probe with "alive" and the same data.
   stream->send("alive", stream->events("probe")[0]);
-  ASSERT_TRUE(waitFor([&] {
-    for (const std::string& t : console->texts())
-      if (t.find(R"("type":"alive")") != std::string::npos) return true;
-    return false;
-  }));
-  int sent = 0, errors = 0;
-  for (const std::string& t : console->texts()) {
-    sent += t.find(R"("type":"sent")") != std::string::npos;
-    errors += t.find(R"("type":"error")") != std::string::npos;
-  }
-  EXPECT_EQ(sent, 2);
-  EXPECT_EQ(errors, 1);
+  ASSERT_TRUE(waitFor([&] { return countTexts(*console, R"("type":"alive")") > 0; }));
+  EXPECT_EQ(countTexts(*console, R"("type":"sent")"), 2u);
+  EXPECT_EQ(countTexts(*console, R"("type":"error")"), 1u);
 }
 
 TEST_F(ServiceServerTest, OperatorsCanDropStreamSocketsAndRefuseFullDeviceMode) {
   const ValueMap session = createSession();
   const std::string id = text(session, "id");
-  auto control = openSocket(session, SocketKindName::Control);
-  auto stream = openSocket(session, SocketKindName::Stream);
-  HttpResult r = fetch("POST", "/console/api/sessions/" + id + "/drop-stream");
-  EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(bodyOf(r).get("dropped").toDouble(), 1.0);
+  auto control = openSocket(session, "control");
+  auto stream = openSocket(session, "stream");
+  EXPECT_EQ(bodyOf(fetch("POST", "/console/api/sessions/" + id + "/drop-stream"), 200).get("dropped").toDouble(), 1.0);
   ASSERT_TRUE(waitFor([&] { return stream->state() == WireClient::State::Closed; }));
-  roundTrip(*control);  // the control socket stays
-  // The client reconnects with the same token.
-  EXPECT_EQ(openSocket(session, SocketKindName::Stream)->state(), WireClient::State::Open);
+  roundTrip(*control);                                                          // the control socket stays
+  EXPECT_EQ(openSocket(session, "stream")->state(), WireClient::State::Open);  // reconnects with the same token
 
-  r = fetch("PUT", "/console/api/sessions/" + id + "/full-device-failure", R"({"status":503,"message":"No capacity"})");
-  EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(fetch("PUT", "/console/api/sessions/" + id + "/full-device-failure", R"({"status":200})").status, 422);
-  r = fetch("PUT", "/api/1/sessions/" + id, R"({"full_device":true})");
-  EXPECT_EQ(r.status, 503);
-  EXPECT_EQ(text(bodyOf(r), "message"), "No capacity");
-  r = fetch("PUT", "/api/1/sessions/" + id, R"({"full_device":true})");
-  EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(bodyOf(r).get("full_device"), Value(true));
+  const std::string failure = "/console/api/sessions/" + id + "/full-device-failure";
+  EXPECT_EQ(fetch("PUT", failure, R"({"status":503,"message":"No capacity"})").status, 200);
+  EXPECT_EQ(fetch("PUT", failure, R"({"status":200})").status, 422);
+  EXPECT_EQ(text(bodyOf(putSession(id, R"({"full_device":true})"), 503), "message"), "No capacity");
 }
 
 TEST_F(ServiceServerTest, ServesTheConsoleAndSurvivesMalformedRequests) {
-  HttpResult r = fetch("GET", "/");
-  EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(r.contentType, "text/html; charset=utf-8");
-  EXPECT_NE(r.body.find("Zephlo agent console"), std::string::npos);
+  const HttpResult page = fetch("GET", "/");
+  EXPECT_EQ(page.status, 200);
+  EXPECT_EQ(page.contentType, "text/html; charset=utf-8");
+  EXPECT_NE(page.body.find("Zephlo agent console"), std::string::npos);
   EXPECT_EQ(fetch("GET", "/console.js").contentType, "text/javascript; charset=utf-8");
   EXPECT_EQ(fetch("GET", "/console.css").status, 200);
   EXPECT_EQ(fetch("GET", "/missing.txt").status, 404);
 
   // A body over the limit is refused; the service carries on.
-  r = fetch("PUT", "/api/1/devices/big", std::string(2 * 1024 * 1024, ' '));
-  EXPECT_TRUE(r.status == 413 || !r.completed);
+  const HttpResult big = fetch("PUT", "/api/1/devices/big", std::string(2 * 1024 * 1024, ' '));
+  EXPECT_TRUE(big.status == 413 || !big.completed);
   // Bytes that are not HTTP close that connection only, without an answer.
   EXPECT_EQ(sendRawTcp("GARBAGE\r\n\r\n"), "");
   EXPECT_EQ(sendRawTcp(std::string("\x16\x03\x01\x00\xff", 5)), "");  // a TLS hello

@@ -20,17 +20,18 @@ namespace fs = std::filesystem;
 constexpr const char* kDefaultGroup = "ABCDE12345.com.example.zephlo.broadcast";
 constexpr const char* kSharedGroup = "ABCDE12345.zephlo";
 
-KeychainQuery item(std::string key, std::optional<std::string> group = std::nullopt) {
-  KeychainQuery query;
-  query.itemClass = KeychainItemClass::GenericPassword;
-  query.account = key;
-  query.service = key;
-  query.accessGroup = std::move(group);
-  return query;
+std::optional<std::string> text(const std::optional<Bytes>& data) {
+  return data ? std::optional<std::string>(std::in_place, data->begin(), data->end()) : std::nullopt;
 }
 
-KeychainQuery withData(KeychainQuery query, std::string_view value) {
-  query.valueData = Bytes(value.begin(), value.end());
+// A generic password whose account and service are both `key`.
+KeychainQuery item(const std::string& key, std::optional<std::string> group = std::nullopt,
+                   std::optional<std::string_view> value = std::nullopt) {
+  KeychainQuery query;
+  query.itemClass = KeychainItemClass::GenericPassword;
+  query.account = query.service = key;
+  query.accessGroup = std::move(group);
+  if (value) query.valueData = Bytes(value->begin(), value->end());
   return query;
 }
 
@@ -41,8 +42,7 @@ class KeychainStoreTest : public ::testing::Test {
     char pattern[] = "/tmp/keychain_store_test.XXXXXX";
     ASSERT_NE(::mkdtemp(pattern), nullptr);
     dir_ = pattern;
-    path_ = (dir_ / "keychain.db").string();
-    store_ = KeychainStore::open(path_);
+    store_ = KeychainStore::open(path());
     ASSERT_TRUE(store_->isOpen()) << store_->openError();
   }
   void TearDown() override {
@@ -51,137 +51,112 @@ class KeychainStoreTest : public ::testing::Test {
     fs::remove_all(dir_);
   }
 
-  std::optional<std::string> valueOf(KeychainStore& store, KeychainQuery query) {
+  // The data of the item `query` finds; empty when there is no item or no data.
+  static std::optional<std::string> valueOf(KeychainStore& store, KeychainQuery query) {
     query.returnData = true;
     KeychainItem result;
-    if (store.copyMatching(query, &result) != kKeychainSuccess || !result.valueData) return std::nullopt;
-    return std::string(result.valueData->begin(), result.valueData->end());
+    return store.copyMatching(query, &result) == kKeychainSuccess ? text(result.valueData) : std::nullopt;
   }
 
+  std::string path() const { return (dir_ / "keychain.db").string(); }
+
   fs::path dir_;
-  std::string path_;
   std::shared_ptr<KeychainStore> store_;
 };
 
-TEST_F(KeychainStoreTest, AddAssignsTheDefaultGroupAndReturnsIt) {
-  KeychainQuery probe = withData(item("k"), "v");
+TEST_F(KeychainStoreTest, AddCopyAndDeleteAcrossAccessGroups) {
+  KeychainQuery probe = item("k", {}, "private");
   probe.returnAttributes = true;
-  KeychainItem added;
-  ASSERT_EQ(store_->add(probe, &added), kKeychainSuccess);
-  EXPECT_EQ(added.accessGroup, kDefaultGroup);
-  EXPECT_EQ(added.account, "k");
-  EXPECT_FALSE(added.valueData.has_value());
-
-  EXPECT_EQ(valueOf(*store_, item("k", kDefaultGroup)), "v");
+  KeychainItem result;
+  ASSERT_EQ(store_->add(probe, &result), kKeychainSuccess);
+  EXPECT_EQ(result.accessGroup, kDefaultGroup);
+  EXPECT_EQ(result.account, "k");
+  EXPECT_FALSE(result.valueData.has_value());
+  EXPECT_EQ(valueOf(*store_, item("k", kDefaultGroup)), "private");
   EXPECT_EQ(valueOf(*store_, item("k", kSharedGroup)), std::nullopt);
-  EXPECT_EQ(store_->add(withData(item("k", kDefaultGroup), "again"), nullptr), kKeychainDuplicateItem);
+  EXPECT_EQ(store_->add(item("k", kDefaultGroup, "again")), kKeychainDuplicateItem);
   // The same key in another group is another item.
-  EXPECT_EQ(store_->add(withData(item("k", kSharedGroup), "shared"), nullptr), kKeychainSuccess);
-  EXPECT_EQ(valueOf(*store_, item("k", kSharedGroup)), "shared");
+  ASSERT_EQ(store_->add(item("k", kSharedGroup, "shared")), kKeychainSuccess);
+  ASSERT_EQ(store_->add(item("nodata")), kKeychainSuccess);
+  ASSERT_EQ(store_->add(item("empty", {}, "")), kKeychainSuccess);
+
+  // A copy answers what was asked for, from the default group when the query names none.
+  const struct {
+    KeychainQuery query;
+    bool attributes, data;
+    std::optional<std::string> group, value;
+  } copies[] = {
+      {item("k"), true, true, kDefaultGroup, "private"},
+      {item("k", kSharedGroup), true, false, kSharedGroup, std::nullopt},
+      {item("k", kSharedGroup), false, true, std::nullopt, "shared"},
+      {item("nodata"), true, true, kDefaultGroup, std::nullopt},  // added without data, it has none
+      {item("empty"), false, true, std::nullopt, ""},             // an empty value is a value
+  };
+  for (auto c : copies) {
+    SCOPED_TRACE(*c.query.account);
+    c.query.returnAttributes = c.attributes;
+    c.query.returnData = c.data;
+    result = {};
+    ASSERT_EQ(store_->copyMatching(c.query, &result), kKeychainSuccess);
+    EXPECT_EQ(result.accessGroup, c.group);
+    EXPECT_EQ(text(result.valueData), c.value);
+    EXPECT_EQ(result.account, c.attributes ? c.query.account : std::nullopt);
+    EXPECT_EQ(result.accessible, c.attributes ? std::optional(KeychainAccessible::WhenUnlocked) : std::nullopt);
+    EXPECT_EQ(result.synchronizable, c.attributes ? std::optional(false) : std::nullopt);
+  }
+
+  // Delete takes the key from every group and nothing else.
+  EXPECT_EQ(store_->deleteItems(item("k")), kKeychainSuccess);
+  EXPECT_EQ(store_->copyMatching(item("k"), nullptr), kKeychainItemNotFound);
+  EXPECT_EQ(valueOf(*store_, item("empty")), "");
 }
 
 TEST_F(KeychainStoreTest, StatusCodes) {
-  ASSERT_EQ(store_->add(withData(item("present", kSharedGroup), "v"), nullptr), kKeychainSuccess);
-  KeychainQuery classless = item("present");
+  ASSERT_EQ(store_->add(item("present", kSharedGroup, "v")), kKeychainSuccess);
+  KeychainQuery classless = item("present"), synced = item("present"), otherAccess = item("present");
   classless.itemClass.reset();
-  struct StatusCase {
+  synced.synchronizable = true;
+  otherAccess.accessible = KeychainAccessible::AlwaysThisDeviceOnly;
+  using enum KeychainOperation;
+  const struct {
     const char* name;
     KeychainOperation operation;
     KeychainQuery query;
     KeychainStatus expected;
-  };
-  const StatusCase cases[] = {
-      {"copy of a missing item", KeychainOperation::CopyMatching, item("absent"), kKeychainItemNotFound},
-      {"delete of a missing item", KeychainOperation::Delete, item("absent"), kKeychainItemNotFound},
-      {"copy from a foreign group", KeychainOperation::CopyMatching, item("present", "OTHER.zephlo"),
-       kKeychainMissingEntitlement},
-      {"add to a foreign group", KeychainOperation::Add, withData(item("n", "OTHER.zephlo"), "v"),
-       kKeychainMissingEntitlement},
-      {"delete in a foreign group", KeychainOperation::Delete, item("present", "OTHER.zephlo"),
-       kKeychainMissingEntitlement},
-      {"copy without a class", KeychainOperation::CopyMatching, classless, kKeychainParam},
-      {"copy of a synchronised item only", KeychainOperation::CopyMatching,
-       [] {
-         auto q = item("present");
-         q.synchronizable = true;
-         return q;
-       }(),
-       kKeychainItemNotFound},
-      {"copy with another accessibility", KeychainOperation::CopyMatching,
-       [] {
-         auto q = item("present");
-         q.accessible = KeychainAccessible::AlwaysThisDeviceOnly;
-         return q;
-       }(),
-       kKeychainItemNotFound},
-      {"copy across every group", KeychainOperation::CopyMatching, item("present"), kKeychainSuccess},
+  } cases[] = {
+      {"copy of a missing item", CopyMatching, item("absent"), kKeychainItemNotFound},
+      {"delete of a missing item", Delete, item("absent"), kKeychainItemNotFound},
+      {"copy from a foreign group", CopyMatching, item("present", "OTHER.zephlo"), kKeychainMissingEntitlement},
+      {"add to a foreign group", Add, item("n", "OTHER.zephlo", "v"), kKeychainMissingEntitlement},
+      {"delete in a foreign group", Delete, item("present", "OTHER.zephlo"), kKeychainMissingEntitlement},
+      {"copy without a class", CopyMatching, classless, kKeychainParam},
+      {"copy of a synchronised item only", CopyMatching, synced, kKeychainItemNotFound},
+      {"copy with another accessibility", CopyMatching, otherAccess, kKeychainItemNotFound},
+      {"copy across every group", CopyMatching, item("present"), kKeychainSuccess},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     KeychainItem result;
-    KeychainStatus status = c.operation == KeychainOperation::CopyMatching ? store_->copyMatching(c.query, &result)
-                            : c.operation == KeychainOperation::Add        ? store_->add(c.query, &result)
-                                                                           : store_->deleteItems(c.query);
-    EXPECT_EQ(status, c.expected);
+    EXPECT_EQ(c.operation == CopyMatching ? store_->copyMatching(c.query, &result)
+              : c.operation == Add        ? store_->add(c.query, &result)
+                                          : store_->deleteItems(c.query),
+              c.expected);
   }
   EXPECT_EQ(valueOf(*store_, item("present")), "v");
+
+  // A bundle without access groups may use none, not even for items that exist.
+  Bundle::setMain(*Bundle::fromJson(R"({"CFBundleIdentifier": "x"})", nullptr));
+  EXPECT_EQ(store_->add(item("k", {}, "v")), kKeychainMissingEntitlement);
+  EXPECT_EQ(store_->copyMatching(item("present"), nullptr), kKeychainMissingEntitlement);
 }
 
-TEST_F(KeychainStoreTest, CopyReturnsWhatWasAskedForPreferringTheDefaultGroup) {
-  ASSERT_EQ(store_->add(withData(item("k", kSharedGroup), "shared"), nullptr), kKeychainSuccess);
-  ASSERT_EQ(store_->add(withData(item("k", kDefaultGroup), "private"), nullptr), kKeychainSuccess);
-
-  KeychainQuery both = item("k");
-  both.returnAttributes = true;
-  both.returnData = true;
-  KeychainItem result;
-  ASSERT_EQ(store_->copyMatching(both, &result), kKeychainSuccess);
-  EXPECT_EQ(result.accessGroup, kDefaultGroup);
-  EXPECT_EQ(result.accessible, KeychainAccessible::WhenUnlocked);
-  EXPECT_EQ(result.synchronizable, false);
-  EXPECT_EQ(result.valueData, (Bytes{'p', 'r', 'i', 'v', 'a', 't', 'e'}));
-
-  KeychainQuery attributesOnly = item("k", kSharedGroup);
-  attributesOnly.returnAttributes = true;
-  ASSERT_EQ(store_->copyMatching(attributesOnly, &result), kKeychainSuccess);
-  EXPECT_EQ(result.accessGroup, kSharedGroup);
-  EXPECT_FALSE(result.valueData.has_value());
-
-  KeychainQuery dataOnly = item("k", kSharedGroup);
-  dataOnly.returnData = true;
-  ASSERT_EQ(store_->copyMatching(dataOnly, &result), kKeychainSuccess);
-  EXPECT_FALSE(result.accessGroup.has_value());
-  EXPECT_EQ(result.valueData, (Bytes{'s', 'h', 'a', 'r', 'e', 'd'}));
-
-  // An item added without data has none to give, and an empty value is a value.
-  ASSERT_EQ(store_->add(item("nodata"), nullptr), kKeychainSuccess);
-  ASSERT_EQ(store_->add(withData(item("empty"), ""), nullptr), kKeychainSuccess);
-  KeychainQuery noData = item("nodata");
-  noData.returnAttributes = true;
-  noData.returnData = true;
-  ASSERT_EQ(store_->copyMatching(noData, &result), kKeychainSuccess);
-  EXPECT_EQ(result.account, "nodata");
-  EXPECT_FALSE(result.valueData.has_value());
-  EXPECT_EQ(valueOf(*store_, item("empty")), "");
-}
-
-TEST_F(KeychainStoreTest, DeleteRemovesEveryMatchingItem) {
-  ASSERT_EQ(store_->add(withData(item("k", kSharedGroup), "1"), nullptr), kKeychainSuccess);
-  ASSERT_EQ(store_->add(withData(item("k", kDefaultGroup), "2"), nullptr), kKeychainSuccess);
-  ASSERT_EQ(store_->add(withData(item("other", kDefaultGroup), "3"), nullptr), kKeychainSuccess);
-  EXPECT_EQ(store_->deleteItems(item("k")), kKeychainSuccess);
-  EXPECT_EQ(store_->copyMatching(item("k"), nullptr), kKeychainItemNotFound);
-  EXPECT_EQ(valueOf(*store_, item("other")), "3");
-}
-
-TEST_F(KeychainStoreTest, FileAndFolderAreOwnerOnly) {
-  mode_t previous = ::umask(0);  // the modes must not depend on the umask
-  fs::path nested = dir_ / "data" / "zephlo" / "keychain.db";
+TEST_F(KeychainStoreTest, TheFileIsOwnerOnlyAndOutlivesTheStore) {
+  const mode_t previous = ::umask(0);  // the modes must not depend on the umask
+  const fs::path nested = dir_ / "data" / "zephlo" / "keychain.db";
   auto store = KeychainStore::open(nested.string());
   ::umask(previous);
   ASSERT_TRUE(store->isOpen()) << store->openError();
-  ASSERT_EQ(store->add(withData(item("k"), "v"), nullptr), kKeychainSuccess);
-
+  ASSERT_EQ(store->add(item("k", {}, "v")), kKeychainSuccess);
   struct stat info {};
   ASSERT_EQ(::stat(nested.c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0600u);
@@ -191,20 +166,16 @@ TEST_F(KeychainStoreTest, FileAndFolderAreOwnerOnly) {
   std::vector<std::string> names;
   for (const auto& entry : fs::directory_iterator(nested.parent_path())) names.push_back(entry.path().filename());
   EXPECT_EQ(names, std::vector<std::string>{"keychain.db"});
-}
 
-TEST_F(KeychainStoreTest, ItemsSurviveReopeningAndReadOnlyStoresRefuseWrites) {
-  ASSERT_EQ(store_->add(withData(item("k"), "v"), nullptr), kKeychainSuccess);
-  store_.reset();
-  auto reopened = KeychainStore::open(path_);
+  store.reset();
+  auto reopened = KeychainStore::open(nested.string());
   EXPECT_EQ(valueOf(*reopened, item("k")), "v");
-
-  auto readOnly = KeychainStore::open(path_, KeychainOpenMode::ReadOnly);
+  auto readOnly = KeychainStore::open(nested.string(), KeychainOpenMode::ReadOnly);
   ASSERT_TRUE(readOnly->isOpen()) << readOnly->openError();
   EXPECT_TRUE(readOnly->isReadOnly());
   EXPECT_EQ(valueOf(*readOnly, item("k")), "v");
   EXPECT_EQ(readOnly->deleteItems(item("k")), kKeychainWritePermission);
-  EXPECT_EQ(readOnly->add(withData(item("n"), "v"), nullptr), kKeychainWritePermission);
+  EXPECT_EQ(readOnly->add(item("n", {}, "v")), kKeychainWritePermission);
   EXPECT_EQ(valueOf(*reopened, item("k")), "v");
   EXPECT_EQ(reopened->copyMatching(item("n"), nullptr), kKeychainItemNotFound);
 }
@@ -212,39 +183,27 @@ TEST_F(KeychainStoreTest, ItemsSurviveReopeningAndReadOnlyStoresRefuseWrites) {
 TEST_F(KeychainStoreTest, StoresThatCannotOpenAnswerNotAvailable) {
   std::ofstream(dir_ / "garbage.db") << "this is not a database, not even a little bit; " << std::string(200, 'x');
   std::ofstream(dir_ / "plain-file") << "x";
-  const std::string paths[] = {
-      (dir_ / "garbage.db").string(),
-      (dir_ / "plain-file" / "keychain.db").string(),
-      "",
-  };
-  for (const auto& path : paths) {
+  for (const std::string& path : {(dir_ / "garbage.db").string(), (dir_ / "plain-file" / "keychain.db").string(),
+                                 std::string()}) {
     SCOPED_TRACE(path);
     auto store = KeychainStore::open(path);
     EXPECT_FALSE(store->isOpen());
     EXPECT_FALSE(store->openError().empty());
     EXPECT_EQ(store->copyMatching(item("k"), nullptr), kKeychainNotAvailable);
-    EXPECT_EQ(store->add(withData(item("k"), "v"), nullptr), kKeychainNotAvailable);
+    EXPECT_EQ(store->add(item("k", {}, "v")), kKeychainNotAvailable);
     EXPECT_EQ(store->deleteItems(item("k")), kKeychainNotAvailable);
   }
-  auto missing = KeychainStore::open((dir_ / "absent.db").string(), KeychainOpenMode::ReadOnly);
-  EXPECT_FALSE(missing->isOpen());
+  EXPECT_FALSE(KeychainStore::open((dir_ / "absent.db").string(), KeychainOpenMode::ReadOnly)->isOpen());
   EXPECT_FALSE(fs::exists(dir_ / "absent.db"));
-}
-
-TEST_F(KeychainStoreTest, BundleWithoutAccessGroupsIsRefused) {
-  Bundle::setMain(*Bundle::fromJson(R"({"CFBundleIdentifier": "x"})", nullptr));
-  EXPECT_EQ(store_->add(withData(item("k"), "v"), nullptr), kKeychainMissingEntitlement);
-  EXPECT_EQ(store_->copyMatching(item("k"), nullptr), kKeychainMissingEntitlement);
 }
 
 TEST_F(KeychainStoreTest, FaultHookAnswersInsteadOfTheDatabase) {
   std::vector<KeychainOperation> seen;
   store_->setFaultHook([&](KeychainOperation operation) -> std::optional<KeychainStatus> {
     seen.push_back(operation);
-    if (operation == KeychainOperation::Delete) return kKeychainIO;
-    return std::nullopt;
+    return operation == KeychainOperation::Delete ? std::optional(kKeychainIO) : std::nullopt;
   });
-  EXPECT_EQ(store_->add(withData(item("k"), "v"), nullptr), kKeychainSuccess);
+  EXPECT_EQ(store_->add(item("k", {}, "v")), kKeychainSuccess);
   EXPECT_EQ(store_->deleteItems(item("k")), kKeychainIO);
   EXPECT_EQ(valueOf(*store_, item("k")), "v");
   EXPECT_EQ(seen, (std::vector{KeychainOperation::Add, KeychainOperation::Delete, KeychainOperation::CopyMatching}));
@@ -252,13 +211,11 @@ TEST_F(KeychainStoreTest, FaultHookAnswersInsteadOfTheDatabase) {
   EXPECT_EQ(store_->deleteItems(item("k")), kKeychainSuccess);
 }
 
-TEST_F(KeychainStoreTest, DefaultPathFollowsTheEnvironment) {
-  using Env = std::map<std::string, std::string>;
-  struct PathCase {
-    Env env;
+TEST_F(KeychainStoreTest, SharedStoreIsTheHostsOrTheOneAtTheDefaultPath) {
+  const struct {
+    std::map<std::string, std::string> env;
     std::string expected;
-  };
-  const PathCase cases[] = {
+  } cases[] = {
       {{{"ZEPHLO_KEYCHAIN", "/k/db"}, {"XDG_DATA_HOME", "/xdg"}, {"HOME", "/home/u"}}, "/k/db"},
       {{{"ZEPHLO_KEYCHAIN", ""}, {"XDG_DATA_HOME", "/xdg"}, {"HOME", "/home/u"}}, "/xdg/zephlo/keychain.db"},
       {{{"XDG_DATA_HOME", "relative"}, {"HOME", "/home/u"}}, "/home/u/.local/share/zephlo/keychain.db"},
@@ -266,16 +223,13 @@ TEST_F(KeychainStoreTest, DefaultPathFollowsTheEnvironment) {
       {{{"HOME", "/root"}}, "/root/.local/share/zephlo/keychain.db"},
   };
   for (const auto& c : cases) {
-    auto path = KeychainStore::defaultPath([&](std::string_view name) -> std::optional<std::string> {
-      auto it = c.env.find(std::string(name));
-      if (it == c.env.end()) return std::nullopt;
-      return it->second;
-    });
-    EXPECT_EQ(path, c.expected);
+    EXPECT_EQ(KeychainStore::defaultPath([&](std::string_view name) -> std::optional<std::string> {
+                const auto it = c.env.find(std::string(name));
+                return it == c.env.end() ? std::nullopt : std::optional(it->second);
+              }),
+              c.expected);
   }
-}
 
-TEST_F(KeychainStoreTest, SharedStoreIsTheOneTheHostSet) {
   KeychainStore::setShared(store_);
   EXPECT_EQ(KeychainStore::shared(), store_);
   KeychainStore::setShared(nullptr);
@@ -287,35 +241,33 @@ TEST_F(KeychainStoreTest, SharedStoreIsTheOneTheHostSet) {
   KeychainStore::setShared(nullptr);
 }
 
-// Another process writes while this one reads: the reader waits for each of the
-// writer's transactions instead of failing, and sees every committed item.
+// The reader waits out each of the writer's transactions instead of failing.
 TEST_F(KeychainStoreTest, ReadsWhileAnotherProcessWrites) {
-  ASSERT_EQ(store_->add(withData(item("stable"), "v"), nullptr), kKeychainSuccess);
+  ASSERT_EQ(store_->add(item("stable", {}, "v")), kKeychainSuccess);
   constexpr int kWrites = 150;
-  pid_t child = ::fork();
+  const pid_t child = ::fork();
   ASSERT_GE(child, 0);
   if (child == 0) {
-    auto writer = KeychainStore::open(path_);
-    int failures = 0;
-    for (int i = 0; i < kWrites; ++i) {
-      auto key = "item" + std::to_string(i);
-      failures += writer->add(withData(item(key), key), nullptr) != kKeychainSuccess;
-      failures += writer->deleteItems(item("stable")) != kKeychainSuccess;
-      failures += writer->add(withData(item("stable"), "v"), nullptr) != kKeychainSuccess;
+    auto writer = KeychainStore::open(path());
+    bool ok = true;
+    for (int i = 0; i < kWrites && ok; ++i) {
+      const auto key = "item" + std::to_string(i);
+      ok = writer->add(item(key, {}, key)) == kKeychainSuccess && writer->deleteItems(item("stable")) == kKeychainSuccess &&
+           writer->add(item("stable", {}, "v")) == kKeychainSuccess;
     }
-    ::_exit(failures == 0 ? 0 : 1);
+    ::_exit(ok ? 0 : 1);
   }
   std::vector<KeychainStatus> readFailures;
   int status = 0;
   while (::waitpid(child, &status, WNOHANG) == 0) {
-    KeychainStatus read = store_->copyMatching(item("stable"), nullptr);
+    const KeychainStatus read = store_->copyMatching(item("stable"), nullptr);
     if (read != kKeychainSuccess && read != kKeychainItemNotFound) readFailures.push_back(read);
   }
   ASSERT_TRUE(WIFEXITED(status));
   EXPECT_EQ(WEXITSTATUS(status), 0);
   EXPECT_EQ(readFailures, std::vector<KeychainStatus>{});
   for (int i = 0; i < kWrites; ++i) {
-    auto key = "item" + std::to_string(i);
+    const auto key = "item" + std::to_string(i);
     EXPECT_EQ(valueOf(*store_, item(key)), key);
   }
 }
