@@ -1,7 +1,10 @@
 #include "zephlo/capture/frame_loop.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <optional>
 #include <vector>
 
 #include "zephlo/testing/main_queue_fixture.hpp"
@@ -11,14 +14,11 @@ namespace {
 
 using namespace std::chrono_literals;
 using platform::Duration;
+using Times = std::vector<Duration>;
+using ::testing::AllOf, ::testing::Each, ::testing::ElementsAre, ::testing::NotNull, ::testing::SizeIs;
 
-// A 4x4 frame whose luma is all `shade`.
-std::unique_ptr<platform::Bitmap> frameOf(std::uint8_t shade) {
-  auto bitmap = platform::Bitmap::create(4, 4);
-  for (int i = 0; i < 16; ++i) bitmap->mutablePlane(0)[i] = shade;
-  return bitmap;
-}
-
+// Renders a 4x4 frame of one luma shade: the render count while `changing`,
+// else 7. `make`, when set, renders instead (null: nothing to render).
 class FakeSource : public ZPHFrameSource {
  public:
   void capturingWillStart() override { ++willStart; }
@@ -26,44 +26,37 @@ class FakeSource : public ZPHFrameSource {
   std::unique_ptr<platform::Bitmap> newFrame(double scale) override {
     renders.push_back(platform::MainQueue::shared().now());
     scales.push_back(scale);
-    if (!alwaysNew) hasNew = false;
-    if (nothingToRender) return nullptr;
     if (make) return make();
-    return frameOf(changing ? static_cast<std::uint8_t>(renders.size()) : 7);
+    auto bitmap = platform::Bitmap::create(4, 4);
+    std::fill_n(bitmap->mutablePlane(0), 16, changing ? static_cast<std::uint8_t>(renders.size()) : 7);
+    return bitmap;
   }
-  bool isNewFrameAvailable() override { return alwaysNew || hasNew; }
+  bool isNewFrameAvailable() override { return alwaysNew; }
 
   int willStart = 0, willStop = 0;
-  std::vector<Duration> renders;
+  Times renders;
   std::vector<double> scales;
-  bool alwaysNew = true;  // a new sample before every tick
-  bool hasNew = false;
-  bool changing = true;   // each render shows something else
-  bool nothingToRender = false;
-  std::function<std::unique_ptr<platform::Bitmap>()> make;  // replaces the shaded frames
+  bool alwaysNew = true;  // a new sample before every tick, else none
+  bool changing = true;
+  std::function<std::unique_ptr<platform::Bitmap>()> make;
 };
 
-// Keeps each frame's callback; completes sends as `completion` says.
+// Completes each send at once with `result`, or holds its callback when unset.
 class FakeDelegate : public ZPHFrameLoopDelegate {
  public:
-  enum class Completion { Hold, Succeed, Fail };
-
   double scale() override { return 0.5; }
   void handleFrame(FrameImage image, std::function<void(bool)> callback) override {
     frames.push_back(image);
     sentAt.push_back(platform::MainQueue::shared().now());
-    if (completion == Completion::Hold) {
-      callbacks.push_back(std::move(callback));
-    } else {
-      callback(completion == Completion::Succeed);
-    }
+    if (!result) return callbacks.push_back(std::move(callback));
+    callback(*result);
   }
   bool shouldCaptureFrame() override { return allowed; }
 
-  Completion completion = Completion::Succeed;
+  std::optional<bool> result = true;
   bool allowed = true;
   std::vector<FrameImage> frames;
-  std::vector<Duration> sentAt;
+  Times sentAt;
   std::vector<std::function<void(bool)>> callbacks;
 };
 
@@ -77,11 +70,7 @@ class CountingObserver : public ZPHFrameLoopObserver {
 
 class FrameLoopTest : public testing::MainQueueTest {
  protected:
-  void SetUp() override {
-    MainQueueTest::SetUp();
-    loop = ZPHFrameLoop::create(delegate);
-    loop->setSource(source);
-  }
+  FrameLoopTest() { loop->setSource(source); }
   void TearDown() override {
     loop->stop();
     MainQueueTest::TearDown();
@@ -89,105 +78,60 @@ class FrameLoopTest : public testing::MainQueueTest {
 
   std::shared_ptr<FakeDelegate> delegate = std::make_shared<FakeDelegate>();
   std::shared_ptr<FakeSource> source = std::make_shared<FakeSource>();
-  std::shared_ptr<ZPHFrameLoop> loop;
+  std::shared_ptr<ZPHFrameLoop> loop = ZPHFrameLoop::create(delegate);
 };
 
 TEST_F(FrameLoopTest, SlowSendDelaysNextCaptureBy25ms) {
   // The first send takes 110 ms; later ones finish at once.
-  delegate->completion = FakeDelegate::Completion::Hold;
+  delegate->result.reset();
   loop->start();
   ASSERT_EQ(delegate->callbacks.size(), 1u);
   queue().after(110ms, [this] {
-    delegate->completion = FakeDelegate::Completion::Succeed;
+    delegate->result = true;
     delegate->callbacks[0](true);
   });
   advance(300ms);
   // Ticks at 75 and 100 ms find the send in flight and capture nothing; the tick
   // at 125 ms captures and, chosen before its capture, schedules the next at 200.
-  EXPECT_EQ(source->renders, (std::vector<Duration>{0ms, 125ms, 200ms, 275ms}));
-  EXPECT_EQ(delegate->sentAt, (std::vector<Duration>{0ms, 125ms, 200ms, 275ms}));
+  EXPECT_EQ(source->renders, (Times{0ms, 125ms, 200ms, 275ms}));
+  EXPECT_EQ(delegate->sentAt, (Times{0ms, 125ms, 200ms, 275ms}));
   EXPECT_EQ(source->scales, std::vector<double>(4, 0.5));
 }
 
-TEST_F(FrameLoopTest, StartTwiceKeepsOneTickChain) {
+TEST_F(FrameLoopTest, RestartDuringASendTicksFastUntilTheCallback) {
+  delegate->result.reset();
+  loop->start();  // a send in flight from time 0
+  advance(10ms);
+  loop->stop();
+  advance(10ms);
+  loop->start();  // at 20 ms: the tick only keeps the chain, next at 45 ms
+  EXPECT_EQ(source->willStart, 2);
+  queue().after(30ms, [this] { delegate->callbacks[0](true); });  // at 50 ms
+  advance(50ms);
+  EXPECT_EQ(source->renders, (Times{0ms, 70ms}));
+}
+
+TEST_F(FrameLoopTest, StartAndStopKeepOneTickChainAndAlwaysTellTheSource) {
+  loop->stop();  // already stopped: the source still hears of it
+  EXPECT_EQ(source->willStop, 1);
   loop->start();
   loop->start();
   EXPECT_TRUE(loop->isRunning());
   EXPECT_EQ(source->willStart, 1);
   EXPECT_EQ(queue().pendingCount(), 1u);
   advance(150ms);
-  EXPECT_EQ(source->renders, (std::vector<Duration>{0ms, 75ms, 150ms}));
-}
+  EXPECT_EQ(source->renders, (Times{0ms, 75ms, 150ms}));
 
-TEST_F(FrameLoopTest, StopCancelsTheTickAndAlwaysTellsTheSource) {
-  loop->stop();  // already stopped: the source still hears of it
-  EXPECT_EQ(source->willStop, 1);
-  EXPECT_FALSE(loop->isRunning());
-
-  loop->start();
-  advance(75ms);
   loop->stop();
   EXPECT_EQ(source->willStop, 2);
   EXPECT_FALSE(loop->isRunning());
   EXPECT_EQ(queue().pendingCount(), 0u);
   advance(1s);
-  EXPECT_EQ(source->renders.size(), 2u);
-}
-
-TEST_F(FrameLoopTest, TickWithoutAFrameWaitsTheIdlePeriod) {
-  source->nothingToRender = true;
-  loop->start();
-  EXPECT_TRUE(delegate->frames.empty());
-  source->nothingToRender = false;
-  advance(74ms);
-  EXPECT_EQ(source->renders.size(), 1u);
-  advance(1ms);
-  EXPECT_EQ(source->renders, (std::vector<Duration>{0ms, 75ms}));
-  EXPECT_EQ(delegate->sentAt, (std::vector<Duration>{75ms}));
-}
-
-TEST_F(FrameLoopTest, UnchangedFrameIsDroppedUntilInvalidated) {
-  source->changing = false;
-  loop->start();
-  advance(150ms);
   EXPECT_EQ(source->renders.size(), 3u);
-  EXPECT_EQ(delegate->frames.size(), 1u);
-
-  loop->invalidateFrame();
-  EXPECT_TRUE(loop->needsUpdate());
-  advance(75ms);
-  EXPECT_EQ(delegate->frames.size(), 2u);
-  EXPECT_EQ(*delegate->frames[0]->bytes(), *delegate->frames[1]->bytes());
 }
 
-TEST_F(FrameLoopTest, FrameOfAnotherLengthIsNotADuplicate) {
-  // All-zero 4x4 and then all-zero 2x2 bitmaps: equal over the shorter length.
-  source->make = [] { return platform::Bitmap::create(4, 4); };
-  loop->start();
-  source->make = [] { return platform::Bitmap::create(2, 2); };
-  advance(75ms);
-  ASSERT_EQ(delegate->frames.size(), 2u);
-  EXPECT_EQ(delegate->frames[1]->width(), 2);
-}
-
-TEST_F(FrameLoopTest, FailedSendResendsAnUnchangedFrame) {
-  source->changing = false;
-  source->alwaysNew = false;  // nothing new after the first render
-  source->hasNew = true;
-  delegate->completion = FakeDelegate::Completion::Fail;
-  loop->start();
-  EXPECT_TRUE(loop->needsUpdate());
-  delegate->completion = FakeDelegate::Completion::Succeed;
-  advance(75ms);
-  EXPECT_EQ(delegate->frames.size(), 2u);
-  // Sent successfully and no new sample: the still screen costs nothing.
-  EXPECT_FALSE(loop->needsUpdate());
-  advance(300ms);
-  EXPECT_EQ(source->renders.size(), 2u);
-  EXPECT_EQ(delegate->frames.size(), 2u);
-}
-
-TEST_F(FrameLoopTest, ObserversSeeEveryRenderedFrameIncludingDropped) {
+// Observers see every due capture, the dropped ones too.
+TEST_F(FrameLoopTest, UnchangedFrameGoesOutAgainOnlyAfterAnInvalidationOrAFailedSend) {
   auto observer = std::make_shared<CountingObserver>();
   auto removed = std::make_shared<CountingObserver>();
   loop->registerFrameLoopObserver(observer);
@@ -197,66 +141,79 @@ TEST_F(FrameLoopTest, ObserversSeeEveryRenderedFrameIncludingDropped) {
   source->changing = false;
   loop->start();
   advance(150ms);
+  loop->stop();
+  loop->start();  // a restart is no reason to resend
+  EXPECT_EQ(source->renders.size(), 4u);
   EXPECT_EQ(delegate->frames.size(), 1u);
-  EXPECT_EQ(observer->will, 3);
-  ASSERT_EQ(observer->images.size(), 3u);
-  for (const auto& image : observer->images) EXPECT_NE(image, nullptr);
+  EXPECT_EQ(observer->will, 4);
+  EXPECT_THAT(observer->images, AllOf(SizeIs(4), Each(NotNull())));
   EXPECT_EQ(removed->will, 0);
 
-  // No frame due: no capture to watch.
-  source->alwaysNew = false;
-  advance(150ms);
-  EXPECT_EQ(observer->will, 3);
-
-  // A due capture that renders nothing is still reported, with null.
   loop->invalidateFrame();
-  source->nothingToRender = true;
+  EXPECT_TRUE(loop->needsUpdate());
+  delegate->result = false;
   advance(75ms);
-  EXPECT_EQ(observer->will, 4);
-  ASSERT_EQ(observer->images.size(), 4u);
-  EXPECT_EQ(observer->images.back(), nullptr);
+  ASSERT_EQ(delegate->frames.size(), 2u);
+  EXPECT_EQ(*delegate->frames[0]->bytes(), *delegate->frames[1]->bytes());
+
+  source->alwaysNew = false;  // no new sample from now on
+  EXPECT_TRUE(loop->needsUpdate());
+  delegate->result = true;
+  advance(75ms);
+  EXPECT_EQ(delegate->frames.size(), 3u);
+  // Sent and no new sample: a still screen costs nothing, not even a capture.
+  EXPECT_FALSE(loop->needsUpdate());
+  advance(300ms);
+  EXPECT_EQ(source->renders.size(), 6u);
+  EXPECT_EQ(observer->will, 6);
+  EXPECT_EQ(delegate->frames.size(), 3u);
 }
 
-TEST_F(FrameLoopTest, NoCaptureWhileTheDelegateSaysNoOrIsGone) {
+TEST_F(FrameLoopTest, EmptyRenderIsObservedAndWaitsTheIdlePeriodAndAnotherLengthIsNew) {
+  auto observer = std::make_shared<CountingObserver>();
+  loop->registerFrameLoopObserver(observer);
+  source->make = [] { return nullptr; };
+  loop->start();
+  EXPECT_EQ(observer->will, 1);
+  EXPECT_THAT(observer->images, ElementsAre(nullptr));
+  source->make = [] { return platform::Bitmap::create(4, 4); };
+  advance(74ms);
+  EXPECT_EQ(source->renders.size(), 1u);
+  advance(1ms);
+  EXPECT_EQ(source->renders, (Times{0ms, 75ms}));
+  EXPECT_EQ(delegate->sentAt, (Times{75ms}));
+
+  // All-zero 4x4 and then all-zero 2x2 bitmaps: equal over the shorter length.
+  source->make = [] { return platform::Bitmap::create(2, 2); };
+  advance(75ms);
+  ASSERT_EQ(delegate->frames.size(), 2u);
+  EXPECT_EQ(delegate->frames[1]->width(), 2);
+}
+
+TEST_F(FrameLoopTest, NoCaptureWithoutPermissionSourceOrDelegateButTheTicksGoOn) {
   delegate->allowed = false;
   loop->start();
   advance(75ms);
   EXPECT_TRUE(source->renders.empty());
 
   delegate->allowed = true;
+  loop->setSource(nullptr);
+  EXPECT_TRUE(loop->needsUpdate());  // a frame is due, but there is nothing to ask
+  advance(75ms);
+  EXPECT_TRUE(delegate->frames.empty());
+
+  loop->setSource(source);
   std::weak_ptr<FakeDelegate> gone = delegate;
   delegate.reset();
   ASSERT_TRUE(gone.expired());
   advance(300ms);
   EXPECT_TRUE(source->renders.empty());
-  EXPECT_TRUE(loop->isRunning());  // the ticks go on until stop
+  EXPECT_TRUE(loop->isRunning());
   EXPECT_EQ(queue().pendingCount(), 1u);
 }
 
-TEST_F(FrameLoopTest, RestartDuringASendTicksFastUntilTheCallback) {
-  delegate->completion = FakeDelegate::Completion::Hold;
-  loop->start();  // a send in flight from time 0
-  advance(10ms);
-  loop->stop();
-  advance(10ms);
-  loop->start();  // at 20 ms: the tick only keeps the chain, next at 45 ms
-  EXPECT_EQ(source->willStart, 2);
-  queue().after(30ms, [this] { delegate->callbacks[0](true); });  // at 50 ms
-  advance(50ms);
-  EXPECT_EQ(source->renders, (std::vector<Duration>{0ms, 70ms}));
-}
-
-TEST_F(FrameLoopTest, UnchangedScreenIsNotResentAfterRestart) {
-  source->changing = false;
-  loop->start();
-  loop->stop();
-  loop->start();
-  EXPECT_EQ(source->renders.size(), 2u);
-  EXPECT_EQ(delegate->frames.size(), 1u);
-}
-
 TEST_F(FrameLoopTest, FrameLivesUntilTheCallbackEvenAfterTheLoopIsGone) {
-  delegate->completion = FakeDelegate::Completion::Hold;
+  delegate->result.reset();
   loop->start();
   std::weak_ptr<const platform::Bitmap> frame = delegate->frames[0];
   delegate->frames.clear();
@@ -266,16 +223,6 @@ TEST_F(FrameLoopTest, FrameLivesUntilTheCallbackEvenAfterTheLoopIsGone) {
   delegate->callbacks[0](false);
   EXPECT_TRUE(frame.expired());
   loop = ZPHFrameLoop::create(delegate);  // for TearDown
-}
-
-TEST_F(FrameLoopTest, MissingSourceCapturesNothing) {
-  loop->setSource(nullptr);
-  loop->start();
-  loop->invalidateFrame();
-  EXPECT_TRUE(loop->needsUpdate());
-  advance(75ms);
-  EXPECT_TRUE(delegate->frames.empty());
-  EXPECT_TRUE(loop->isRunning());
 }
 
 }  // namespace
