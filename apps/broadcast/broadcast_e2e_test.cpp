@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <memory>
+#include <ostream>
 #include <string>
 
 #include "apps/broadcast/child_process.hpp"
@@ -246,6 +247,11 @@ class ReferenceService : public LocalService {
 };
 
 enum class ServiceKind { Reference, TestServers };
+
+// How a case names its service in test listings.
+void PrintTo(ServiceKind kind, std::ostream* out) {
+  *out << (kind == ServiceKind::Reference ? "zephlo-service" : "test servers");
+}
 
 class BroadcastEndToEndTest : public ::testing::TestWithParam<ServiceKind> {
  protected:
