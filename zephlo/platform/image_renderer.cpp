@@ -308,16 +308,17 @@ void copyTurned(const std::uint8_t* src, int srcStride, int srcWidth, int srcHei
                   src + static_cast<std::ptrdiff_t>(y) * srcStride, static_cast<std::size_t>(width));
     return;
   }
-  // The inverse of a turn is its transpose: stored = (a·u + c·v, b·u + d·v).
+  // The inverse of a turn is its transpose: stored = (a·u + c·v, b·u + d·v). Along
+  // an output row u grows by 2 per pixel, so the stored position moves by (a, b).
+  const std::ptrdiff_t step = turn.a + static_cast<std::ptrdiff_t>(turn.b) * srcStride;
+  const int u = -(width - 1);
   for (int y = 0; y < height; ++y) {
     const int v = 2 * y - (height - 1);
+    const int sx = (turn.a * u + turn.c * v + (srcWidth - 1)) / 2;
+    const int sy = (turn.b * u + turn.d * v + (srcHeight - 1)) / 2;
+    const std::uint8_t* from = src + static_cast<std::ptrdiff_t>(sy) * srcStride + sx;
     std::uint8_t* out = dst + static_cast<std::ptrdiff_t>(y) * width;
-    for (int x = 0; x < width; ++x) {
-      const int u = 2 * x - (width - 1);
-      const int sx = (turn.a * u + turn.c * v + (srcWidth - 1)) / 2;
-      const int sy = (turn.b * u + turn.d * v + (srcHeight - 1)) / 2;
-      out[x] = src[static_cast<std::ptrdiff_t>(sy) * srcStride + sx];
-    }
+    for (int x = 0; x < width; ++x) out[x] = from[x * step];
   }
 }
 
