@@ -12,7 +12,7 @@ namespace {
 using platform::PixelBuffer;
 using platform::PixelFormat;
 
-bool near(Rgb a, Rgb b, int tolerance) {
+bool near(Rgb a, Rgb b, int tolerance = 3) {
   return std::abs(a.r - b.r) <= tolerance && std::abs(a.g - b.g) <= tolerance && std::abs(a.b - b.b) <= tolerance;
 }
 
@@ -23,10 +23,10 @@ TEST_P(CanvasTest, FillsOnlyTheRectangleClippedToTheBuffer) {
   Canvas canvas(*buffer);
   canvas.fill({0, 0, 16, 8}, {0, 0, 0});
   canvas.fill({4, 2, 100, 2}, {200, 40, 40});
-  EXPECT_TRUE(near(canvas.at(4, 2), {200, 40, 40}, 3));
-  EXPECT_TRUE(near(canvas.at(15, 3), {200, 40, 40}, 3));
-  EXPECT_TRUE(near(canvas.at(4, 4), {0, 0, 0}, 3));
-  EXPECT_TRUE(near(canvas.at(2, 2), {0, 0, 0}, 3));
+  EXPECT_TRUE(near(canvas.at(4, 2), {200, 40, 40}));
+  EXPECT_TRUE(near(canvas.at(15, 3), {200, 40, 40}));
+  EXPECT_TRUE(near(canvas.at(4, 4), {0, 0, 0}));
+  EXPECT_TRUE(near(canvas.at(2, 2), {0, 0, 0}));
 }
 
 TEST_P(CanvasTest, GradientsRunFromOneColourToTheOther) {
@@ -34,8 +34,8 @@ TEST_P(CanvasTest, GradientsRunFromOneColourToTheOther) {
   Canvas canvas(*buffer);
   canvas.verticalGradient({0, 0, 64, 32}, {0, 0, 0}, {250, 250, 250});
   canvas.horizontalGradient({0, 32, 64, 32}, {250, 0, 0}, {0, 0, 250});
-  EXPECT_TRUE(near(canvas.at(10, 0), {0, 0, 0}, 3));
-  EXPECT_TRUE(near(canvas.at(10, 31), {250, 250, 250}, 3));
+  EXPECT_TRUE(near(canvas.at(10, 0), {0, 0, 0}));
+  EXPECT_TRUE(near(canvas.at(10, 31), {250, 250, 250}));
   EXPECT_GT(canvas.at(10, 20).g, canvas.at(10, 10).g);
   EXPECT_TRUE(near(canvas.at(0, 40), {250, 0, 0}, 12));
   EXPECT_TRUE(near(canvas.at(63, 40), {0, 0, 250}, 12));

@@ -12,19 +12,17 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// Hands over a sample on every other tick and records the times it was asked at.
+// Hands over a sample on every other tick.
 class EveryOtherTick : public ScreenSource {
  public:
   explicit EveryOtherTick(std::atomic<int>* asked) : asked_(asked) {}
-  std::optional<platform::SampleBuffer> sampleAt(platform::Duration sinceStart) override {
-    times_.push_back(sinceStart);
+  std::optional<platform::SampleBuffer> sampleAt(platform::Duration) override {
     if ((++*asked_) % 2) return std::nullopt;
     return platform::SampleBuffer(platform::PixelBuffer::create(platform::PixelFormat::BGRA, 2, 2), 6);
   }
 
  private:
   std::atomic<int>* asked_;
-  std::vector<platform::Duration> times_;
 };
 
 TEST(CaptureThreadTest, DeliversOnlyTheSamplesTheSourceHasAndStopsForGood) {

@@ -23,39 +23,25 @@ bool sameBytes(const PixelBuffer& a, const PixelBuffer& b) {
   return true;
 }
 
-// How many rows of `a` and `b` differ.
-int changedRows(const PixelBuffer& a, const PixelBuffer& b) {
-  int changed = 0;
-  for (int y = 0; y < a.height(); ++y) {
-    changed += std::memcmp(a.plane(0) + y * a.stride(0), b.plane(0) + y * b.stride(0), 4 * a.width()) != 0;
-  }
-  return changed;
-}
-
 class TestPatternSourceTest : public ::testing::TestWithParam<PixelFormat> {};
 
-TEST_P(TestPatternSourceTest, SameSecondHandsOverTheSameBufferWithItsOrientation) {
+TEST_P(TestPatternSourceTest, OneBufferASecondWithItsOrientationAndBuffersAreReused) {
   TestPatternSource source(GetParam(), 390, 844, 3, 0);
-  auto first = source.sampleAt(100ms);
+  auto second0 = source.sampleAt(100ms);
   auto again = source.sampleAt(900ms);
-  ASSERT_TRUE(first && again);
-  EXPECT_EQ(first->imageBuffer(), again->imageBuffer());
-  EXPECT_EQ(first->imageBuffer()->format(), GetParam());
-  EXPECT_EQ(first->imageBuffer()->width(), 390);
-  EXPECT_EQ(first->imageBuffer()->height(), 844);
-  EXPECT_EQ(first->orientationAttachment(), 3);
-}
-
-TEST_P(TestPatternSourceTest, ANewSecondChangesThePictureAndBuffersAreReused) {
-  TestPatternSource source(GetParam(), 390, 844, 1, 0);
-  auto second0 = source.sampleAt(0ms);
   auto second1 = source.sampleAt(1s);
-  ASSERT_TRUE(second0 && second1);
+  ASSERT_TRUE(second0 && again && second1);
+  EXPECT_EQ(second0->imageBuffer(), again->imageBuffer());
+  EXPECT_EQ(second0->imageBuffer()->format(), GetParam());
+  EXPECT_EQ(second0->imageBuffer()->width(), 390);
+  EXPECT_EQ(second0->imageBuffer()->height(), 844);
+  EXPECT_EQ(second0->orientationAttachment(), 3);
   EXPECT_NE(second0->imageBuffer(), second1->imageBuffer());
   EXPECT_FALSE(sameBytes(*second0->imageBuffer(), *second1->imageBuffer()));
   // The frame source keeps only the newest sample; the older buffer comes back.
   const auto* older = second0->imageBuffer().get();
   second0.reset();
+  again.reset();
   auto second2 = source.sampleAt(2s);
   EXPECT_EQ(second2->imageBuffer().get(), older);
   for (int s = 3; s < 20; ++s) {
@@ -73,7 +59,9 @@ TEST(TestPatternDrawTest, OnlyPartOfTheScreenChangesFromOneSecondToTheNext) {
   TestPatternSource::draw(*a, 3600);
   TestPatternSource::draw(*b, 3601);
   // The clock and the progress bar change; the rest of the screen stays.
-  const int changed = changedRows(*a, *b);
+  int changed = 0;
+  for (int y = 0; y < 2532; ++y)
+    changed += std::memcmp(a->plane(0) + y * a->stride(0), b->plane(0) + y * b->stride(0), 4 * 1170) != 0;
   EXPECT_GT(changed, 0);
   EXPECT_LT(changed, 2532 / 10);
   auto again = PixelBuffer::create(PixelFormat::BGRA, 1170, 2532);

@@ -56,7 +56,7 @@ Bytes jpegWith(const Bytes& dqt) {
   return out;
 }
 
-TEST(JpegQualityTest, ReadsTheQualityBackFromIjgTables) {
+TEST(JpegQualityTest, ReadsTheQualityBackFromTheLuminanceTable) {
   for (int quality : {5, 20, 30, 40, 50, 60, 75, 90, 95}) {
     SCOPED_TRACE(quality);
     const auto estimate = estimateJpegQuality(jpegWith(tablePayload(0, ijgTable(quality))));
@@ -67,9 +67,6 @@ TEST(JpegQualityTest, ReadsTheQualityBackFromIjgTables) {
   std::array<int, 64> ones;
   ones.fill(1);
   EXPECT_EQ(estimateJpegQuality(jpegWith(tablePayload(0, ones))), 100);
-}
-
-TEST(JpegQualityTest, FindsTheLuminanceTableAmongOthers) {
   // Chrominance first in the same segment, then luminance with 16-bit entries.
   Bytes dqt = tablePayload(1, ijgTable(10));
   const Bytes luminance = tablePayload(0, ijgTable(70), true);

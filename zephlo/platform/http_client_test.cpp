@@ -20,6 +20,20 @@ struct Outcome {
   bool onHttpThread = false;
 };
 
+URLRequest requestFor(std::string url, std::chrono::milliseconds timeout = URLRequest().timeout) {
+  URLRequest request;
+  request.url = std::move(url);
+  request.timeout = timeout;
+  return request;
+}
+
+// A server whose /wait never answers.
+void holdWait(HttpTestServer& server) {
+  HttpTestServer::Response never;
+  never.hold = true;
+  server.route("GET", "/wait", never);
+}
+
 // Runs one transfer on `client` and waits for its completion.
 Outcome fetch(HttpClient& client, URLRequest request) {
   std::promise<Outcome> done;
@@ -41,8 +55,7 @@ TEST(HttpClientTest, SendsTheRequestAndReturnsTheFinalResponseOnItsThread) {
   server.route("POST", "/things", created);
 
   HttpClient client;
-  URLRequest request;
-  request.url = server.url("/things?x=1");
+  URLRequest request = requestFor(server.url("/things?x=1"));
   request.method = "POST";
   request.setHeader("X-One", "1");
   request.setHeader("X-Empty", "");
@@ -73,10 +86,8 @@ TEST(HttpClientTest, TransfersShareNoConnectionAndNoCookies) {
   server.route("GET", "/a", withCookie);
 
   HttpClient client;
-  URLRequest request;
-  request.url = server.url("/a");
-  fetch(client, request);
-  fetch(client, request);
+  fetch(client, requestFor(server.url("/a")));
+  fetch(client, requestFor(server.url("/a")));
 
   EXPECT_EQ(server.connectionCount(), 2u);
   const auto requests = server.requests();
@@ -93,24 +104,18 @@ TEST(HttpClientTest, FollowsRedirects) {
   server.route("GET", "/final", HttpTestServer::Response::json(200, "[]"));
 
   HttpClient client;
-  URLRequest request;
-  request.url = server.url("/start");
-  const auto outcome = fetch(client, request);
+  const auto outcome = fetch(client, requestFor(server.url("/start")));
   ASSERT_TRUE(outcome.result.response);
   EXPECT_EQ(outcome.result.response->statusCode, 200);
   EXPECT_EQ(outcome.result.response->url, server.url("/final"));
   EXPECT_EQ(outcome.result.body, "[]");
 }
 
-// Error paths.
-
 TEST(HttpClientTest, ReportsTransportErrorsWithPlatformCodes) {
   testing::RefusingPort refusing;
   const std::string closedUrl = refusing.url("/");
   HttpTestServer silent;
-  HttpTestServer::Response never;
-  never.hold = true;
-  silent.route("GET", "/wait", never);
+  holdWait(silent);
 
   struct Case {
     const char* name;
@@ -125,10 +130,7 @@ TEST(HttpClientTest, ReportsTransportErrorsWithPlatformCodes) {
   };
   HttpClient client;
   for (const auto& c : cases) {
-    URLRequest request;
-    request.url = c.url;
-    request.timeout = c.timeout;
-    const auto outcome = fetch(client, request);
+    const auto outcome = fetch(client, requestFor(c.url, c.timeout));
     EXPECT_TRUE(outcome.onHttpThread) << c.name;
     ASSERT_TRUE(outcome.result.error) << c.name;
     EXPECT_EQ(outcome.result.error->code, c.code) << c.name << ": " << outcome.result.error->description;
@@ -138,20 +140,14 @@ TEST(HttpClientTest, ReportsTransportErrorsWithPlatformCodes) {
 
 TEST(HttpClientTest, ShutdownAbandonsTransfersInFlight) {
   HttpTestServer server;
-  HttpTestServer::Response never;
-  never.hold = true;
-  server.route("GET", "/wait", never);
-
+  holdWait(server);
   auto client = std::make_unique<HttpClient>();
   auto token = std::make_shared<int>(0);
   std::weak_ptr<int> watch = token;
   bool called = false;
-  URLRequest request;
-  request.url = server.url("/wait");
+  const URLRequest request = requestFor(server.url("/wait"));
   client->start(request, [token = std::move(token), &called](HttpResult) { called = true; });
-
   ASSERT_TRUE(server.waitForRequests(1));
-
   client->shutdown();
   EXPECT_FALSE(called);
   EXPECT_TRUE(watch.expired());  // the completion was destroyed, not leaked
