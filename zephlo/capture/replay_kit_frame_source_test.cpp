@@ -55,12 +55,6 @@ class ReplayKitFrameSourceTest : public testing::MainQueueTest {
   platform::ScreenBounds saved_;
 };
 
-TEST_F(ReplayKitFrameSourceTest, NoSampleYieldsNothing) {
-  EXPECT_FALSE(source.isNewFrameAvailable());
-  EXPECT_EQ(source.newFrame(0.5), nullptr);
-  EXPECT_FALSE(source.isNewFrameAvailable());
-}
-
 TEST_F(ReplayKitFrameSourceTest, PhoneSampleRendersAtScreenPointsTimesScale) {
   auto bgra = picture(1170, 2532);
   for (const auto& buffer : {bgra, PixelBuffer::nv12From(*bgra)}) {
@@ -76,32 +70,24 @@ TEST_F(ReplayKitFrameSourceTest, PhoneSampleRendersAtScreenPointsTimesScale) {
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(*again->bytes(), *frame->bytes());
   }
-}
-
-TEST_F(ReplayKitFrameSourceTest, ScaleOneGivesTheScreenSizeInPoints) {
+  // At scale 1 the frame has the screen's size in points.
   platform::Screen::setMain({100, 200, 3});
   feed(picture(300, 600));
   auto frame = source.newFrame(1.0);
   ASSERT_NE(frame, nullptr);
-  EXPECT_EQ(frame->width(), 100);
-  EXPECT_EQ(frame->height(), 200);
+  EXPECT_EQ((std::pair{frame->width(), frame->height()}), (std::pair{100, 200}));
 }
 
 TEST_F(ReplayKitFrameSourceTest, SidewaysOrientationsAreSwapped) {
   enum Corner { TopLeft, TopRight, BottomLeft };
-  const struct Case {
+  // A missing attachment reads as 0; upside down (3) and the mirrored codes are
+  // left alone; 6 turns anticlockwise and 8 clockwise, as the picture is turned.
+  const struct {
     std::optional<std::int64_t> attachment;
     bool turned;
     Corner marker;
-  } cases[] = {
-      {std::nullopt, false, TopLeft},  // a missing attachment reads as 0
-      {0, false, TopLeft},
-      {1, false, TopLeft},
-      {3, false, TopLeft},  // upside down is left alone
-      {5, false, TopLeft},  // so are the mirrored codes
-      {6, true, BottomLeft},  // turned anticlockwise, as code 8 turns
-      {8, true, TopRight},    // turned clockwise, as code 6 turns
-  };
+  } cases[] = {{std::nullopt, false, TopLeft}, {0, false, TopLeft}, {1, false, TopLeft}, {3, false, TopLeft},
+               {5, false, TopLeft},            {6, true, BottomLeft}, {8, true, TopRight}};
   // 200x400 pixels rendered at 100x200 (the screen is 844 points high).
   const double scale = 0.5 * 400 / 844;
   auto buffer = picture(200, 400);
@@ -145,6 +131,7 @@ TEST_F(ReplayKitFrameSourceTest, FactorThatIsNotAPositiveSizeRendersNothing) {
 }
 
 TEST_F(ReplayKitFrameSourceTest, SamplesThatAreNotVideoPicturesChangeNothing) {
+  EXPECT_FALSE(source.isNewFrameAvailable());  // nor does a fresh source have anything
   testing::LogCapture log;
   source.processSampleBuffer(SampleBuffer(picture(60, 120)), platform::kSampleBufferTypeAudioApp);
   EXPECT_EQ(log.lines(), std::vector<std::string>{"ignoring non-video sample"});
@@ -169,8 +156,7 @@ TEST_F(ReplayKitFrameSourceTest, StopDropsTheSampleButNotTheFlag) {
 }
 
 TEST_F(ReplayKitFrameSourceTest, SamplesFromTheCaptureThreadHandOverWhileRendering) {
-  // The capture thread delivers shades 1..200 while the main queue renders; the
-  // last render after the thread ends shows the last sample.
+  // The capture thread delivers shades 1..200 while the main queue renders.
   std::vector<std::shared_ptr<PixelBuffer>> buffers;
   for (int shade = 1; shade <= 200; ++shade) buffers.push_back(picture(40, 80, static_cast<std::uint8_t>(shade), false));
   std::atomic<bool> done{false};

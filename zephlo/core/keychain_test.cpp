@@ -60,6 +60,12 @@ class ZPHKeychainTest : public ::testing::Test {
     });
   }
   void recordOperations() { failWith(static_cast<KeychainOperation>(-1), 0); }
+  static void useBundle(const std::string& id, const std::string& groups) {
+    const auto bundle = Bundle::fromJson(
+        R"({"CFBundleIdentifier": ")" + id + R"(", "keychain-access-groups": [)" + groups + "]}", nullptr);
+    ASSERT_TRUE(bundle);
+    Bundle::setMain(*bundle);
+  }
 
   fs::path dir_;
   std::string path_;
@@ -81,9 +87,7 @@ TEST_F(ZPHKeychainTest, TeamIdProbesAnEmptyKeychainAndLeavesNoProbeBehind) {
 TEST_F(ZPHKeychainTest, LeftoverProbeIsFoundAndDeleted) {
   // The leftover sits in a group of another prefix than the default one, so the
   // answer tells whether it was found or a fresh probe was added.
-  Bundle::setMain(*Bundle::fromJson(R"({"CFBundleIdentifier": "com.example.app",
-      "keychain-access-groups": ["TEAM1.com.example.app", "OTHER9.zephlo"]})",
-                                    nullptr));
+  useBundle("com.example.app", R"("TEAM1.com.example.app", "OTHER9.zephlo")");
   KeychainQuery leftover = probe();
   leftover.accessGroup = "OTHER9.zephlo";
   leftover.accessible = platform::KeychainAccessible::AlwaysThisDeviceOnly;
@@ -169,20 +173,13 @@ TEST_F(ZPHKeychainTest, GetValueFailures) {
   badText.valueData = Bytes{'a', 0xc3, 0x28};
   ASSERT_EQ(store_->add(badText, nullptr), platform::kKeychainSuccess);
 
-  struct GetCase {
-    const char* key;
-    std::vector<std::string> log;
-  };
-  const GetCase cases[] = {
-      {"missing", {}},  // an absent item is normal and says nothing
-      {"nodata", {"Keychain item was missing data"}},
-      {"badtext", {}},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.key);
+  // An absent item is normal and says nothing.
+  const std::pair<const char*, std::vector<std::string>> cases[] = {
+      {"missing", {}}, {"nodata", {"Keychain item was missing data"}}, {"badtext", {}}};
+  for (const auto& [key, log] : cases) {
     log_.clear();
-    EXPECT_EQ(ZPHKeychain::getValue(c.key, kShared), std::nullopt);
-    EXPECT_EQ(log_.lines(), c.log);
+    EXPECT_EQ(ZPHKeychain::getValue(key, kShared), std::nullopt) << key;
+    EXPECT_EQ(log_.lines(), log) << key;
   }
 
   log_.clear();
@@ -193,12 +190,9 @@ TEST_F(ZPHKeychainTest, GetValueFailures) {
 
 TEST_F(ZPHKeychainTest, MissingEntitlementOnAPrivateLookupNamesTheSharedGroup) {
   // Entitled to the shared group only: the private group is out of reach.
-  Bundle::setMain(*Bundle::fromJson(R"({"CFBundleIdentifier": "com.example.zephlo.broadcast",
-      "keychain-access-groups": ["ABCDE12345.zephlo"]})",
-                                    nullptr));
-  std::string privateGroup = ZPHKeychain::privateGroup();
-  ASSERT_EQ(privateGroup, kPrivate);
-  EXPECT_EQ(ZPHKeychain::getValue(kZPHDeviceIdKey(), privateGroup), std::nullopt);
+  useBundle("com.example.zephlo.broadcast", R"("ABCDE12345.zephlo")");
+  ASSERT_EQ(ZPHKeychain::privateGroup(), kPrivate);
+  EXPECT_EQ(ZPHKeychain::getValue(kZPHDeviceIdKey(), kPrivate), std::nullopt);
   EXPECT_EQ(log_.lines(), std::vector<std::string>{"Missing entitlement for keychain group ABCDE12345.zephlo"});
 }
 

@@ -20,25 +20,33 @@ using Response = HttpTestServer::Response;
 struct Reply {
   bool called = false;
   bool onMainQueue = false;
+  bool onHttpThread = false;
   OptionalError error;
   Value body;
   std::shared_ptr<const HTTPResponse> response;
 };
 
+// A callback that fills `reply`, then runs `then`.
+auto into(Reply& reply, std::function<void()> then = [] {}) {
+  return [&reply, then](OptionalError error, Value body, std::shared_ptr<const HTTPResponse> response) {
+    reply.onMainQueue = platform::MainQueue::shared().isCurrent();
+    reply.onHttpThread = platform::HttpClient::shared().isCurrent();
+    reply.error = std::move(error);
+    reply.body = std::move(body);
+    reply.response = std::move(response);
+    reply.called = true;
+    then();
+  };
+}
+
 class ZPHRequestTest : public testing::MainQueueTest {
  protected:
   // Sends a request and pumps the main queue until its callback has run there.
   Reply send(const std::string& url, const ValueMap& options) {
-    auto reply = std::make_shared<Reply>();
-    ZPHRequest::request(url, options, [reply](OptionalError error, Value body, auto response) {
-      reply->called = true;
-      reply->onMainQueue = platform::MainQueue::shared().isCurrent();
-      reply->error = std::move(error);
-      reply->body = std::move(body);
-      reply->response = std::move(response);
-    });
-    EXPECT_TRUE(queue().runUntil([&] { return reply->called; }));
-    return *reply;
+    Reply reply;
+    ZPHRequest::request(url, options, into(reply));
+    EXPECT_TRUE(queue().runUntil([&] { return reply.called; }));
+    return reply;
   }
 
   HttpTestServer server_;
@@ -95,10 +103,15 @@ TEST_F(ZPHRequestTest, SocketRequestFormatsAMissingBundleEntryAsNull) {
   EXPECT_EQ(request.header("User-Agent"), "(null)/7");
 }
 
-TEST_F(ZPHRequestTest, SendsMethodAndJsonBody) {
-  server_.route("GET", "/g", Response::json(200, "{}"));
+TEST_F(ZPHRequestTest, SendsMethodAndJsonBodyAndHandsBackTheResponseHeaders) {
+  Response withId = Response::json(200, "{}");
+  withId.headers.emplace_back("X-Request-Id", "r-9");
+  server_.route("GET", "/g", withId);
   server_.route("PUT", "/p", Response::json(200, "{}"));
-  send(server_.url("/g"), {});
+  const Reply got = send(server_.url("/g"), {});
+  ASSERT_TRUE(got.response);
+  EXPECT_EQ(got.response->header("x-request-id"), "r-9");
+  EXPECT_EQ(got.response->header("Content-Type"), "application/json");
   send(server_.url("/p"), ValueMap{{"method", "PUT"}, {"body", ValueMap{{"a", ValueArray{1, "x", nullptr}}}}});
   const auto requests = server_.requests();
   ASSERT_EQ(requests.size(), 2u);
@@ -110,17 +123,16 @@ TEST_F(ZPHRequestTest, SendsMethodAndJsonBody) {
 
 TEST_F(ZPHRequestTest, OutcomesReachTheMainQueueInTheirOrder) {
   const Error decodeError{std::string(kJSONErrorDomain), kJSONDecodeError, ""};
-  struct Case {
-    const char* name;
-    Response reply;
-    std::optional<Error> error;  // descriptions of JSON errors are not compared
-    Value body;
-  };
   Response htmlUnavailable;
   htmlUnavailable.status = 503;
   htmlUnavailable.headers.emplace_back("Content-Type", "text/html");
   htmlUnavailable.body = "<html><body>Service Unavailable</body></html>";
-  const Case cases[] = {
+  const struct {
+    const char* name;
+    Response reply;
+    std::optional<Error> error;  // descriptions of JSON errors are not compared
+    Value body;
+  } cases[] = {
       {"204 with an empty body", Response::json(204, ""), std::nullopt, Value()},
       {"200 with an object", Response::json(200, R"({"id":"s1","n":2})"), std::nullopt,
        ValueMap{{"id", "s1"}, {"n", 2}}},
@@ -157,17 +169,6 @@ TEST_F(ZPHRequestTest, OutcomesReachTheMainQueueInTheirOrder) {
   }
 }
 
-TEST_F(ZPHRequestTest, ResponseCarriesStatusAndHeaders) {
-  Response reply = Response::json(200, "{}");
-  reply.headers.emplace_back("X-Request-Id", "r-9");
-  server_.route("GET", "/h", reply);
-  const Reply got = send(server_.url("/h"), {});
-  ASSERT_TRUE(got.response);
-  EXPECT_EQ(got.response->statusCode, 200);
-  EXPECT_EQ(got.response->header("x-request-id"), "r-9");
-  EXPECT_EQ(got.response->header("Content-Type"), "application/json");
-}
-
 // Error paths.
 
 TEST_F(ZPHRequestTest, UnencodableBodyFailsOnTheMainQueueWithoutTraffic) {
@@ -179,18 +180,10 @@ TEST_F(ZPHRequestTest, UnencodableBodyFailsOnTheMainQueueWithoutTraffic) {
   };
   for (const auto& body : bodies) {
     SCOPED_TRACE(body.debugString());
-    bool called = false;
     Reply reply;
-    ZPHRequest::request(server_.url("/e"), ValueMap{{"method", "POST"}, {"body", body}},
-                        [&](OptionalError error, Value b, auto response) {
-                          called = true;
-                          reply.onMainQueue = platform::MainQueue::shared().isCurrent();
-                          reply.error = std::move(error);
-                          reply.body = std::move(b);
-                          reply.response = std::move(response);
-                        });
-    EXPECT_FALSE(called);  // posted, never called from inside `request`
-    ASSERT_TRUE(queue().runUntil([&] { return called; }));
+    ZPHRequest::request(server_.url("/e"), ValueMap{{"method", "POST"}, {"body", body}}, into(reply));
+    EXPECT_FALSE(reply.called);  // posted, never called from inside `request`
+    ASSERT_TRUE(queue().runUntil([&] { return reply.called; }));
     EXPECT_TRUE(reply.onMainQueue);
     ASSERT_TRUE(reply.error);
     EXPECT_EQ(reply.error->domain, kJSONErrorDomain);
@@ -206,22 +199,13 @@ TEST_F(ZPHRequestTest, UnencodableBodyFailsOnTheMainQueueWithoutTraffic) {
 TEST_F(ZPHRequestTest, TransportErrorIsCalledBackOnTheHttpThread) {
   testing::RefusingPort refusing;
   const std::string closedUrl = refusing.url("/r");
-  std::promise<Reply> done;
-  ZPHRequest::request(closedUrl, {}, [&done](OptionalError error, Value body, auto response) {
-    Reply reply;
-    reply.called = true;
-    reply.onMainQueue = platform::MainQueue::shared().isCurrent() ||
-                        !platform::HttpClient::shared().isCurrent();
-    reply.error = std::move(error);
-    reply.body = std::move(body);
-    reply.response = std::move(response);
-    done.set_value(std::move(reply));
-  });
+  Reply reply;
+  std::promise<void> done;
+  ZPHRequest::request(closedUrl, {}, into(reply, [&done] { done.set_value(); }));
   // The main queue is not pumped: the callback must not need it.
-  auto future = done.get_future();
-  ASSERT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  const Reply reply = future.get();
+  ASSERT_EQ(done.get_future().wait_for(std::chrono::seconds(20)), std::future_status::ready);
   EXPECT_FALSE(reply.onMainQueue);
+  EXPECT_TRUE(reply.onHttpThread);
   ASSERT_TRUE(reply.error);
   EXPECT_EQ(reply.error->domain, kURLLoadingErrorDomain);
   EXPECT_EQ(reply.error->code, kURLErrorCannotConnectToHost);

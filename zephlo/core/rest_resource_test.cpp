@@ -7,6 +7,7 @@
 
 #include "zephlo/core/request.hpp"
 #include "zephlo/testing/http_test_server.hpp"
+#include "zephlo/testing/refusing_port.hpp"
 #include "zephlo/testing/main_queue_fixture.hpp"
 
 namespace zephlo {
@@ -48,6 +49,13 @@ class ZPHRESTResourceTest : public testing::MainQueueTest {
     };
   }
   void wait(const Outcome& outcome) { ASSERT_TRUE(queue().runUntil([&] { return outcome.called; })); }
+  // Starts a call with a recording callback and waits for its outcome.
+  Outcome run(const std::function<void(ZPHRESTResource::ResourceCallback)>& start) {
+    Outcome outcome;
+    start(record(outcome));
+    wait(outcome);
+    return outcome;
+  }
 
   HttpTestServer server_;
 };
@@ -69,8 +77,7 @@ TEST_F(ZPHRESTResourceTest, IdReadsTextOrIntegerIds) {
   const auto thing = std::make_shared<ZPHRESTResource>();
   const std::pair<Value, std::optional<std::string>> cases[] = {
       {"s-1", "s-1"}, {42, "42"}, {std::uint64_t{18446744073709551615ull}, "18446744073709551615"},
-      {1.5, std::nullopt}, {nullptr, std::nullopt}, {ValueMap{}, std::nullopt},
-  };
+      {1.5, std::nullopt}, {nullptr, std::nullopt}, {ValueMap{}, std::nullopt}};
   for (const auto& [id, expected] : cases) {
     thing->updateResource(ValueMap{{"id", id}});
     EXPECT_EQ(thing->id(), expected) << id.debugString();
@@ -81,12 +88,11 @@ TEST_F(ZPHRESTResourceTest, IdReadsTextOrIntegerIds) {
 
 TEST_F(ZPHRESTResourceTest, VerbsMapOntoRequestsAndTakeTheReply) {
   const ValueMap body{{"state", "active"}, {"full_device", true}};
-  struct Case {
+  const struct {
     const char* method;
     std::function<void(Thing&, ZPHRESTResource::ResourceCallback)> call;
     std::string sentBody;
-  };
-  const Case cases[] = {
+  } cases[] = {
       {"GET", [](Thing& t, auto cb) { t.fetch(std::move(cb)); }, ""},
       {"POST", [&](Thing& t, auto cb) { t.create(body, std::move(cb)); }, R"({"state":"active","full_device":true})"},
       {"PUT", [&](Thing& t, auto cb) { t.update(body, std::move(cb)); }, R"({"state":"active","full_device":true})"},
@@ -97,9 +103,7 @@ TEST_F(ZPHRESTResourceTest, VerbsMapOntoRequestsAndTakeTheReply) {
     SCOPED_TRACE(c.method);
     server_.route(c.method, "/things/1", Response::json(200, std::string(R"({"id":"1","via":")") + c.method + "\"}"));
     const auto thing = std::make_shared<Thing>(server_.url("/things/1"));
-    Outcome outcome;
-    c.call(*thing, record(outcome));
-    wait(outcome);
+    const Outcome outcome = run([&](auto cb) { c.call(*thing, std::move(cb)); });
     EXPECT_FALSE(outcome.error);
     EXPECT_EQ(outcome.resource, thing);
     EXPECT_EQ(thing->field("via"), Value(c.method));
@@ -117,17 +121,11 @@ TEST_F(ZPHRESTResourceTest, DeleteRepliesReplaceTheResource) {
   thing->updateResource(ValueMap{{"id", "t"}, {"state", "active"}});
 
   server_.route("DELETE", "/t", Response::json(200, R"({"id":"t","state":"ended"})"));
-  Outcome withBody;
-  thing->delete_(record(withBody));
-  wait(withBody);
-  EXPECT_FALSE(withBody.error);
+  EXPECT_FALSE(run([&](auto cb) { thing->delete_(std::move(cb)); }).error);
   EXPECT_EQ(thing->resource(), Value(ValueMap{{"id", "t"}, {"state", "ended"}}));
 
   server_.route("DELETE", "/t", Response::json(204, ""));
-  Outcome noContent;
-  thing->delete_(record(noContent));
-  wait(noContent);
-  EXPECT_FALSE(noContent.error);
+  EXPECT_FALSE(run([&](auto cb) { thing->delete_(std::move(cb)); }).error);
   EXPECT_TRUE(thing->resource().isNull());
   EXPECT_TRUE(thing->field("id").isNull());
 
@@ -167,18 +165,14 @@ TEST_F(ZPHRESTResourceTest, FailedCallLeavesTheResourceAndPassesTheError) {
   thing->updateResource(before);
 
   server_.route("PUT", "/t", Response::json(422, R"({"message":"name is taken","id":"other"})"));
-  Outcome outcome;
-  thing->update(ValueMap{{"name", "new"}}, record(outcome));
-  wait(outcome);
+  const Outcome outcome = run([&](auto cb) { thing->update(ValueMap{{"name", "new"}}, std::move(cb)); });
   ASSERT_TRUE(outcome.error);
   EXPECT_EQ(*outcome.error, ZPHError("name is taken", 422));
   EXPECT_EQ(outcome.resource, thing);
   EXPECT_EQ(thing->resource(), before);
 
   server_.route("GET", "/t", Response::json(200, "not json"));
-  Outcome undecodable;
-  thing->fetch(record(undecodable));
-  wait(undecodable);
+  const Outcome undecodable = run([&](auto cb) { thing->fetch(std::move(cb)); });
   ASSERT_TRUE(undecodable.error);
   EXPECT_EQ(undecodable.error->domain, kJSONErrorDomain);
   EXPECT_EQ(thing->resource(), before);
@@ -189,28 +183,19 @@ TEST_F(ZPHRESTResourceTest, RejectedRepresentationLeavesTheResource) {
   ASSERT_FALSE(thing->updateResource(ValueMap{{"id", "t"}}));
 
   server_.route("GET", "/t", Response::json(200, R"({"id":7})"));
-  Outcome outcome;
-  thing->fetch(record(outcome));
-  wait(outcome);
+  const Outcome outcome = run([&](auto cb) { thing->fetch(std::move(cb)); });
   ASSERT_TRUE(outcome.error);
   EXPECT_EQ(*outcome.error, ZPHError("Invalid thing", 0));
   EXPECT_EQ(thing->resource(), Value(ValueMap{{"id", "t"}}));
 
   server_.route("GET", "/t", Response::json(204, ""));
-  Outcome empty;
-  thing->fetch(record(empty));
-  wait(empty);
-  ASSERT_TRUE(empty.error);
+  ASSERT_TRUE(run([&](auto cb) { thing->fetch(std::move(cb)); }).error);
   EXPECT_EQ(thing->resource(), Value(ValueMap{{"id", "t"}}));
 }
 
 TEST_F(ZPHRESTResourceTest, TransportErrorLeavesTheResourceAndArrivesOffTheMainQueue) {
-  std::string closedUrl;
-  {
-    HttpTestServer gone;
-    closedUrl = gone.url("/t");
-  }
-  const auto thing = std::make_shared<Thing>(closedUrl);
+  testing::RefusingPort refusing;
+  const auto thing = std::make_shared<Thing>(refusing.url("/t"));
   thing->updateResource(ValueMap{{"id", "t"}});
   std::promise<std::pair<OptionalError, bool>> done;
   thing->fetch([&done](OptionalError error, std::shared_ptr<ZPHRESTResource>) {

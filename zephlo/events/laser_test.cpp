@@ -2,64 +2,50 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <optional>
 
 namespace zephlo {
 namespace {
 
-struct LaserCase {
-  const char* name;
-  Value data;
-  std::optional<Point> position;  // empty: rejected
-  const char* state = "";
-};
+// A laser dictionary with `changes` applied and `dropped` left out.
+Value laser(std::initializer_list<ValueMap::Entry> changes, const char* dropped = "") {
+  ValueMap m{{"type", "Laser"}, {"id", "l"}, {"state", "touchmove"}};
+  for (const auto& [k, v] : changes) m.set(k, v);
+  m.erase(dropped);
+  return m;
+}
 
 TEST(ZPHLaserTest, ParsesIdStateAndNumericPosition) {
-  const LaserCase cases[] = {
-      {"full", ValueMap{{"type", "Laser"}, {"id", "l"}, {"state", "touchstart"}, {"x", 12.5}, {"y", 3}},
-       Point{12.5, 3}, "touchstart"},
-      {"x as text falls back to the origin",
-       ValueMap{{"type", "Laser"}, {"id", "l"}, {"state", "touchmove"}, {"x", "12"}, {"y", 3}}, Point{0, 0},
-       "touchmove"},
-      {"y missing", ValueMap{{"type", "Laser"}, {"id", "l"}, {"state", "touchend"}, {"x", 12}}, Point{0, 0},
-       "touchend"},
-      {"no position", ValueMap{{"type", "Laser"}, {"id", "l"}, {"state", "hover"}}, Point{0, 0}, "hover"},
-      {"state missing", ValueMap{{"type", "Laser"}, {"id", "l"}, {"x", 1}, {"y", 1}}, std::nullopt},
-      {"id missing", ValueMap{{"type", "Laser"}, {"state", "touchmove"}}, std::nullopt},
-      {"type of a touch", ValueMap{{"type", "Touch"}, {"id", "l"}, {"state", "touchmove"}}, std::nullopt},
-      {"type with a blank", ValueMap{{"type", "Laser "}, {"id", "l"}, {"state", "touchmove"}}, std::nullopt},
-      {"not a dictionary", Value(3.5), std::nullopt},
+  const std::tuple<const char*, Value, std::optional<Point>, const char*> cases[] = {  // no position: rejected
+      {"full", laser({{"state", "touchstart"}, {"x", 12.5}, {"y", 3}}), Point{12.5, 3}, "touchstart"},
+      {"x as text falls back to the origin", laser({{"x", "12"}, {"y", 3}}), Point{0, 0}, "touchmove"},
+      {"y missing", laser({{"state", "touchend"}, {"x", 12}}), Point{0, 0}, "touchend"},
+      {"no position", laser({{"state", "hover"}}), Point{0, 0}, "hover"},
+      {"state missing", laser({{"x", 1}, {"y", 1}}, "state"), std::nullopt, ""},
+      {"id missing", laser({}, "id"), std::nullopt, ""}, {"not a dictionary", Value(3.5), std::nullopt, ""},
+      {"type of a touch", laser({{"type", "Touch"}}), std::nullopt, ""},
+      {"type with a blank", laser({{"type", "Laser "}}), std::nullopt, ""},
   };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    auto laser = ZPHLaser::from(c.data);
-    ASSERT_EQ(laser != nullptr, c.position.has_value());
-    if (!laser) continue;
-    EXPECT_EQ(laser->position(), *c.position);
-    EXPECT_EQ(laser->state(), c.state);
-    EXPECT_EQ(laser->id(), "l");
+  for (const auto& [name, data, position, state] : cases) {
+    SCOPED_TRACE(name);
+    auto parsed = ZPHLaser::from(data);
+    ASSERT_EQ(parsed != nullptr, position.has_value());
+    if (!parsed) continue;
+    EXPECT_EQ(parsed->position(), *position);
+    EXPECT_EQ(parsed->state(), state);
+    EXPECT_EQ(parsed->id(), "l");
   }
 }
 
 TEST(ZPHLaserTest, StateQueriesMatchExactly) {
-  struct StateCase {
-    const char* state;
-    bool start, move, end;
-  };
-  const StateCase cases[] = {
-      {"touchstart", true, false, false},
-      {"touchmove", false, true, false},
-      {"touchend", false, false, true},
-      {"TouchMove", false, false, false},
-      {"", false, false, false},
-  };
+  using Queries = std::array<bool, 3>;  // start, move, end
+  const std::pair<const char*, Queries> cases[] = {{"touchstart", {true, false, false}},
+      {"touchmove", {false, true, false}}, {"touchend", {false, false, true}}, {"TouchMove", {}}, {"", {}}};
   ZPHLaser laser;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.state);
-    laser.setState(c.state);
-    EXPECT_EQ(laser.isStart(), c.start);
-    EXPECT_EQ(laser.isMove(), c.move);
-    EXPECT_EQ(laser.isEnd(), c.end);
+  for (const auto& [state, expected] : cases) {
+    laser.setState(state);
+    EXPECT_EQ((Queries{laser.isStart(), laser.isMove(), laser.isEnd()}), expected) << state;
   }
 }
 

@@ -9,45 +9,31 @@ namespace zephlo {
 namespace {
 
 TEST(ZPHRedactionSelectorPartTest, IdIsReadFromTextOnly) {
-  struct IdCase {
-    Value id;
-    std::int64_t expected;
+  constexpr auto kMax = std::numeric_limits<std::int64_t>::max();
+  constexpr auto kMin = std::numeric_limits<std::int64_t>::min();
+  const std::pair<Value, std::int64_t> cases[] = {
+      {"42", 42}, {42, 0} /* a numeric id is ignored on purpose */, {42.0, 0}, {"12abc", 12}, {"abc", 0},
+      {" -7", -7}, {"\t\n+8", 8}, {"-", 0}, {"- 7", 0}, {"", 0}, {"007", 7},
+      {"9223372036854775807", kMax}, {"9223372036854775808", kMax},
+      {"-9223372036854775808", kMin}, {"-99999999999999999999999", kMin},
   };
-  const IdCase cases[] = {
-      {"42", 42},
-      {42, 0},  // a numeric id is ignored on purpose
-      {42.0, 0},
-      {"12abc", 12},
-      {"abc", 0},
-      {" -7", -7},
-      {"\t\n+8", 8},
-      {"-", 0},
-      {"- 7", 0},
-      {"", 0},
-      {"007", 7},
-      {"9223372036854775807", std::numeric_limits<std::int64_t>::max()},
-      {"9223372036854775808", std::numeric_limits<std::int64_t>::max()},
-      {"-9223372036854775808", std::numeric_limits<std::int64_t>::min()},
-      {"-99999999999999999999999", std::numeric_limits<std::int64_t>::min()},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.id.debugString());
-    auto part = ZPHRedactionSelectorPart::from(ValueMap{{"id", c.id}});
+  for (const auto& [id, expected] : cases) {
+    SCOPED_TRACE(id.debugString());
+    auto part = ZPHRedactionSelectorPart::from(ValueMap{{"id", id}});
     ASSERT_NE(part, nullptr);
-    EXPECT_EQ(part->id(), c.expected);
+    EXPECT_EQ(part->id(), expected);
   }
 }
 
-TEST(ZPHRedactionSelectorPartTest, FieldsOfTheWrongKindAreIgnoredOneByOne) {
-  ValueMap attrs{{"class", "secret"}, {"n", 1}};
-  struct PartCase {
+TEST(ZPHRedactionSelectorPartTest, OnlyDictionariesMakePartsAndWrongFieldsAreIgnoredOneByOne) {
+  const ValueMap attrs{{"class", "secret"}, {"n", 1}};
+  const struct {
     const char* name;
     Value data;
     std::optional<std::string> tag;
     std::int64_t id;
     std::optional<ValueMap> attrs;
-  };
-  const PartCase cases[] = {
+  } cases[] = {
       {"complete", ValueMap{{"tag", "UILabel"}, {"id", "3"}, {"attrs", attrs}}, "UILabel", 3, attrs},
       {"empty dictionary", ValueMap{}, std::nullopt, 0, std::nullopt},
       {"tag a number, attrs an array", ValueMap{{"tag", 5}, {"id", "9"}, {"attrs", ValueArray{1}}}, std::nullopt, 9,
@@ -66,9 +52,6 @@ TEST(ZPHRedactionSelectorPartTest, FieldsOfTheWrongKindAreIgnoredOneByOne) {
       EXPECT_EQ(*part->attrs(), *c.attrs);
     }
   }
-}
-
-TEST(ZPHRedactionSelectorPartTest, OnlyDictionariesMakeParts) {
   for (const Value& v : {Value(), Value(1), Value("tag"), Value(ValueArray{})})
     EXPECT_EQ(ZPHRedactionSelectorPart::from(v), nullptr) << v.debugString();
 }

@@ -25,19 +25,5 @@ TEST(ZPHRedactionSelectorTest, KeepsDictionaryPartsInOrderAndSkipsTheRest) {
   EXPECT_EQ(parts[2]->tag(), std::nullopt);
 }
 
-// The session's "redaction_selectors": each element becomes a selector unless it
-// is not an array.
-TEST(ZPHRedactionSelectorTest, SessionSelectorListKeepsArraysOnly) {
-  ValueArray field{ValueArray{ValueMap{{"tag", "UITextField"}, {"id", "1"}}}, 3, ValueArray{}};
-  std::vector<std::shared_ptr<ZPHRedactionSelector>> selectors;
-  for (const auto& element : field)
-    if (auto selector = ZPHRedactionSelector::from(element)) selectors.push_back(selector);
-  ASSERT_EQ(selectors.size(), 2u);
-  ASSERT_EQ(selectors[0]->parts().size(), 1u);
-  EXPECT_EQ(selectors[0]->parts()[0]->tag(), "UITextField");
-  EXPECT_EQ(selectors[0]->parts()[0]->id(), 1);
-  EXPECT_TRUE(selectors[1]->parts().empty());
-}
-
 }  // namespace
 }  // namespace zephlo

@@ -94,18 +94,13 @@ TEST_F(ZPHDeviceInfoTest, DescribesTheDeviceAndTheBundleInOrder) {
 
   utsname names{};
   ASSERT_EQ(uname(&names), 0);
-  EXPECT_EQ(info.get("platform"), Value("ios"));
-  EXPECT_EQ(info.get("device"), Value(names.machine));
-  EXPECT_EQ(info.get("device_locale"), Value("en"));
-  EXPECT_EQ(info.get("device_timezone"), NotNil(facts.timeZoneAbbreviation));
-  EXPECT_EQ(info.get("os_version"), NotNil(facts.systemVersion));
-  EXPECT_EQ(info.get("app_id"), Value("com.example.zephlo.broadcast"));
-  EXPECT_EQ(info.get("app_name"), Value("Zephlo Broadcast"));
-  EXPECT_EQ(info.get("app_version"), Value("2.6.0"));
-  EXPECT_EQ(info.get("app_build"), Value("1"));
-  EXPECT_EQ(info.get("app_build_configuration"), Value("release"));
-  EXPECT_EQ(info.get("sdk_version"), Value("2.6.0-alpha.1"));
-  EXPECT_EQ(info.get("broadcast_extension_id"), Value("com.example.zephlo.broadcast"));
+  const ValueMap expected{{"platform", "ios"}, {"device", names.machine}, {"device_locale", "en"},
+                          {"device_timezone", NotNil(facts.timeZoneAbbreviation)},
+                          {"os_version", NotNil(facts.systemVersion)}, {"app_id", "com.example.zephlo.broadcast"},
+                          {"app_name", "Zephlo Broadcast"}, {"app_version", "2.6.0"}, {"app_build", "1"},
+                          {"app_build_configuration", "release"}, {"sdk_version", "2.6.0-alpha.1"},
+                          {"broadcast_extension_id", "com.example.zephlo.broadcast"}};
+  EXPECT_EQ(info, expected);
   EXPECT_EQ(ZPHDeviceInfo::platform(), "ios");
   EXPECT_EQ(ZPHDeviceInfo::broadcastExtension(), "com.example.zephlo.broadcast");
 }
@@ -114,10 +109,7 @@ TEST_F(ZPHDeviceInfoTest, AbsentBundleEntriesAreNullAndTheExtensionIsLeftOut) {
   useBundle(R"({"CFBundleIdentifier": "com.example.host", "CFBundleVersion": "9"})");
   const auto info = ZPHDeviceInfo::info();
   EXPECT_EQ(keys(info), kFixedKeys);  // exactly eleven
-  EXPECT_TRUE(info.contains("app_name"));
-  EXPECT_TRUE(info.get("app_name").isNull());
-  EXPECT_TRUE(info.get("app_version").isNull());
-  EXPECT_TRUE(info.get("device_locale").isNull());
+  for (const char* key : {"app_name", "app_version", "device_locale"}) EXPECT_TRUE(info.get(key).isNull()) << key;
   EXPECT_EQ(info.get("app_id"), Value("com.example.host"));
   EXPECT_EQ(info.get("app_build"), Value("9"));
   EXPECT_FALSE(ZPHDeviceInfo::broadcastExtension());
@@ -161,11 +153,8 @@ TEST_F(ZPHDeviceInfoTest, LocationEntriesOnlyWhenAuthorisedEnabledAndKnown) {
       for (const char* k : {"latitude", "longitude", "altitude", "horizontal_accuracy", "vertical_accuracy"})
         expectedKeys.push_back(k);
       EXPECT_EQ(keys(info), expectedKeys);
-      EXPECT_EQ(info.get("latitude"), Value(52.37));
-      EXPECT_EQ(info.get("longitude"), Value(4.89));
-      EXPECT_EQ(info.get("altitude"), Value(-2.0));
-      EXPECT_EQ(info.get("horizontal_accuracy"), Value(5.0));
-      EXPECT_EQ(info.get("vertical_accuracy"), Value(3.0));
+      const double values[] = {52.37, 4.89, -2.0, 5.0, 3.0};
+      for (std::size_t i = 0; i < 5; ++i) EXPECT_EQ(info.get(expectedKeys[11 + i]), Value(values[i])) << i;
     }
   }
 }
@@ -197,7 +186,7 @@ TEST(DeviceFactsTest, ReadsThisMachine) {
   const auto utc = platform::DeviceFacts::current();
   setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);
   const auto cet = platform::DeviceFacts::current();
-  if (saved) setenv("TZ", savedTz.c_str(), 1); else unsetenv("TZ");
+  saved ? setenv("TZ", savedTz.c_str(), 1) : unsetenv("TZ");
 
   EXPECT_EQ(utc.timeZoneAbbreviation, "UTC");
   ASSERT_TRUE(cet.timeZoneAbbreviation);

@@ -6,24 +6,19 @@ namespace zephlo {
 namespace {
 
 TEST(ValueTest, ConstructorsPickTheNativeKind) {
-  EXPECT_EQ(Value().type(), Value::Type::Null);
-  EXPECT_EQ(Value(true).type(), Value::Type::Bool);
-  EXPECT_EQ(Value(-3).type(), Value::Type::Int);
-  EXPECT_EQ(Value(3u).type(), Value::Type::UInt);
-  EXPECT_EQ(Value(std::uint8_t{3}).type(), Value::Type::UInt);
-  EXPECT_EQ(Value(1.5f).type(), Value::Type::Float);
-  EXPECT_EQ(Value(1.5).type(), Value::Type::Double);
-  EXPECT_EQ(Value("a").type(), Value::Type::String);
-  EXPECT_EQ(Value(Bytes{1, 2}).type(), Value::Type::Bytes);
-  EXPECT_EQ(Value(ValueArray{1, "x"}).type(), Value::Type::Array);
-  EXPECT_EQ(Value(ValueMap{{"a", 1}}).type(), Value::Type::Map);
-  EXPECT_EQ(Value(SimpleValue{16}).type(), Value::Type::Simple);
+  using T = Value::Type;
+  const std::pair<Value, T> kinds[] = {
+      {Value(), T::Null}, {Value(true), T::Bool}, {Value(-3), T::Int}, {Value(3u), T::UInt},
+      {Value(std::uint8_t{3}), T::UInt}, {Value(1.5f), T::Float}, {Value(1.5), T::Double}, {Value("a"), T::String},
+      {Value(Bytes{1, 2}), T::Bytes}, {Value(ValueArray{1, "x"}), T::Array}, {Value(ValueMap{{"a", 1}}), T::Map},
+      {Value(SimpleValue{16}), T::Simple}};
+  for (const auto& [value, type] : kinds) EXPECT_EQ(value.type(), type) << value.debugString();
   EXPECT_FALSE(Value(true).isNumber());
   EXPECT_EQ(Value(-3).toDouble(), -3.0);
   EXPECT_EQ(Value("3").toDouble(), std::nullopt);
 }
 
-TEST(ValueTest, EqualityIsByKindAndContentAndMapsIgnoreOrder) {
+TEST(ValueTest, EqualityIsByKindAndContentMapsIgnoreOrderAndCopiesShareBuffers) {
   EXPECT_EQ(Value(1u), Value(1u));
   EXPECT_NE(Value(1u), Value(1));  // kinds differ
   EXPECT_NE(Value(1.0f), Value(1.0));
@@ -34,6 +29,12 @@ TEST(ValueTest, EqualityIsByKindAndContentAndMapsIgnoreOrder) {
   EXPECT_EQ(Value(ab).hash(), Value(ba).hash());
   ba.set("a", 2);
   EXPECT_NE(Value(ab), Value(ba));
+
+  // Copies share byte buffers rather than copying them.
+  const Value bytes(Bytes(30000, 0xAB));
+  const Value copy = bytes;
+  EXPECT_EQ(bytes.asBytes(), copy.asBytes());
+  EXPECT_EQ(bytes.sharedBytes().get(), copy.sharedBytes().get());
 }
 
 TEST(ValueTest, MapsKeepInsertionOrderAndAnyKeys) {
@@ -53,14 +54,6 @@ TEST(ValueTest, MapsKeepInsertionOrderAndAnyKeys) {
   EXPECT_FALSE(m.contains("a"));
   m.erase("z");
   EXPECT_FALSE(m.isStringKeyed());
-}
-
-TEST(ValueTest, CopiesShareBuffersWithoutCopyingThem) {
-  Bytes big(30000, 0xAB);
-  Value a(std::move(big));
-  Value b = a;
-  EXPECT_EQ(a.asBytes(), b.asBytes());
-  EXPECT_EQ(a.sharedBytes().get(), b.sharedBytes().get());
 }
 
 }  // namespace

@@ -47,13 +47,13 @@ TEST_F(StreamProtocolTest, SocketsOpenWhenTheSessionNamesThem) {
   EXPECT_EQ(streamServer_->upgrades()[0].header("Authorization"), "Bearer stok");
   EXPECT_EQ(receivedEvents(*streamServer_, "filter")[0].get("data"), kStreamFilter);
 
-  // With both sockets there, open creates and sends nothing. A probe round trip
-  // orders the check after anything the second open could have sent.
+  // With both sockets there, open creates and sends nothing; a probe round trip
+  // orders the check after anything it could have sent.
   protocol_->open();
   session_->updateResource(sessionMap(true, true));
   EXPECT_EQ(protocol_->control(), control);
   EXPECT_EQ(protocol_->stream(), stream);
-  streamServer_->sendMap({{"event", "probe"}, {"data", ValueMap{{"n", 1}}}});
+  push(*streamServer_, "probe", ValueMap{{"n", 1}});
   ASSERT_TRUE(waitForEvents(*streamServer_, "alive", 1));
   EXPECT_EQ(streamServer_->acceptedCount(), 1u);
   EXPECT_EQ(controlServer_->acceptedCount(), 1u);
@@ -65,7 +65,6 @@ TEST_F(StreamProtocolTest, AnEndedSessionOpensNothing) {
   session_->updateResource(sessionMap(true, true, "ended"));
   EXPECT_FALSE(protocol_->control());
   EXPECT_FALSE(protocol_->stream());
-  session_->updateResource(sessionMap(true, true, "ended"));
   protocol_->open();
   EXPECT_FALSE(protocol_->control());
   EXPECT_FALSE(protocol_->stream());
@@ -83,13 +82,7 @@ TEST_F(StreamProtocolTest, EveryControlConnectionFetchesTheSessionAndResubscribe
   ValueMap changed = sessionMap(true, false);
   changed.set("control_token", "ctok-2");
   session_->updateResource(changed);
-  controlServer_->dropConnections();
-  // The reconnect waits out a back-off of at most 1.5 s on the queue's clock.
-  ASSERT_TRUE(waitFor([&] { return !protocol_->control()->isConneced(); }));
-  ASSERT_TRUE(waitFor([&] {
-    if (controlServer_->acceptedCount() < 2) advance(std::chrono::milliseconds(100));
-    return http_.requestCount() >= 2 && receivedEvents(*controlServer_, "filter").size() >= 2;
-  }));
+  ASSERT_TRUE(reconnect(*controlServer_, [&] { return http_.requestCount() >= 2; }));
   EXPECT_EQ(controlServer_->acceptedCount(), 2u);
   EXPECT_EQ(controlServer_->upgrades()[1].header("Authorization"), "Bearer ctok-2");
   EXPECT_EQ(receivedEvents(*controlServer_, "filter")[1].get("data"), kSessionFilter);
@@ -97,16 +90,7 @@ TEST_F(StreamProtocolTest, EveryControlConnectionFetchesTheSessionAndResubscribe
 
 TEST_F(StreamProtocolTest, EveryStreamConnectionResubscribes) {
   openBoth();
-  streamServer_->dropConnections();
-  ASSERT_TRUE(waitFor([&] { return !protocol_->stream()->isConneced(); }));
-  // The reconnect is scheduled when the socket hears of the drop: move the clock
-  // until the new connection arrives (and no further, or the handshake's own
-  // timeout on the same clock would fire).
-  ASSERT_TRUE(waitFor([&] {
-    if (streamServer_->acceptedCount() < 2) advance(std::chrono::milliseconds(100));
-    return receivedEvents(*streamServer_, "filter").size() >= 2;
-  })) << "accepted " << streamServer_->acceptedCount() << ", filters "
-      << receivedEvents(*streamServer_, "filter").size() << ", at " << now().count();
+  ASSERT_TRUE(reconnect(*streamServer_));
   EXPECT_EQ(streamServer_->acceptedCount(), 2u);
   EXPECT_EQ(receivedEvents(*streamServer_, "filter")[1].get("data"), kStreamFilter);
 }
@@ -118,21 +102,21 @@ TEST_F(StreamProtocolTest, PushedSessionsUpdateTheSessionAndCanEndIt) {
   ASSERT_TRUE(waitFor([&] { return session_->scale() == 0.75; }));
 
   // A pushed representation that brings the stream URL opens the stream socket.
-  controlServer_->sendMap({{"event", "session"}, {"data", sessionMap(true, true)}});
+  push(*controlServer_, "session", sessionMap(true, true));
   ASSERT_TRUE(waitFor([&] { return protocol_->stream() != nullptr; }));
   EXPECT_FALSE(session_->field("stream_url").isNull());
 
   // A rejected one is ignored.
-  controlServer_->sendMap({{"event", "session"}, {"data", ValueMap{{"type", "Device"}}}});
+  push(*controlServer_, "session", ValueMap{{"type", "Device"}});
   auto observer = std::make_shared<RecordingProtocolObserver>();
   protocol_->registerStreamProtocolObserver(observer);
 
   // Pushed "ended" closes the protocol: both sockets go with a normal close.
-  controlServer_->sendMap({{"event", "session"}, {"data", sessionMap(true, true, "ended")}});
+  push(*controlServer_, "session", sessionMap(true, true, "ended"));
   ASSERT_TRUE(waitFor([&] { return session_->isEnded(); }));
   EXPECT_FALSE(protocol_->control());
   EXPECT_FALSE(protocol_->stream());
-  ASSERT_TRUE(waitFor([&] { return controlServer_->openCount() == 0 && streamServer_->openCount() == 0; }));
+  ASSERT_TRUE(waitForBothClosed());
   EXPECT_EQ(controlServer_->closeCodes(), std::vector<std::uint16_t>{1000});
 
   // Still a session observer, but later updates find the session ended.
@@ -144,24 +128,20 @@ TEST_F(StreamProtocolTest, PushedSessionsUpdateTheSessionAndCanEndIt) {
 TEST_F(StreamProtocolTest, ProbeIsAnsweredWithTheSameData) {
   openBoth();
   const Value probes[] = {
-      ValueMap{},
-      ValueMap{{"list", ValueArray{1, "two", 3.5}}},
-      ValueMap{{"n", 42}},
-      ValueMap{{"nothing", nullptr}},
+      ValueMap{}, ValueMap{{"list", ValueArray{1, "two", 3.5}}}, ValueMap{{"n", 42}}, ValueMap{{"nothing", nullptr}},
       ValueMap{{"nested", ValueMap{{"a", ValueArray{ValueMap{{"b", nullptr}}}}}}, {"neg", -7}, {"bytes", Bytes{1, 2}}},
   };
   std::size_t answered = 0;
   for (const auto& data : probes) {
-    streamServer_->sendMap({{"event", "probe"}, {"data", data}});
+    push(*streamServer_, "probe", data);
     ASSERT_TRUE(waitForEvents(*streamServer_, "alive", ++answered));
     EXPECT_EQ(receivedEvents(*streamServer_, "alive").back().get("data"), roundTrip(data)) << data.debugString();
   }
 
-  // Data that is not a map never reaches the protocol: the envelope's codec
-  // drops such a message. The map probe after them shows nothing else came back.
-  for (const Value& data : {Value(ValueArray{1, 2}), Value(5), Value()})
-    streamServer_->sendMap({{"event", "probe"}, {"data", data}});
-  streamServer_->sendMap({{"event", "probe"}, {"data", ValueMap{{"last", true}}}});
+  // The envelope's codec drops probes whose data is not a map; the map probe
+  // after them shows nothing else came back.
+  for (const Value& data : {Value(ValueArray{1, 2}), Value(5), Value()}) push(*streamServer_, "probe", data);
+  push(*streamServer_, "probe", ValueMap{{"last", true}});
   ASSERT_TRUE(waitForEvents(*streamServer_, "alive", answered + 1));
   const auto alive = receivedEvents(*streamServer_, "alive");
   ASSERT_EQ(alive.size(), answered + 1);
@@ -188,10 +168,10 @@ TEST_F(StreamProtocolTest, AgentEventsReachEveryObserverParsedForEach) {
       {"touch", touch, 2, true},         {"touch", {{"type", "Touch"}, {"id", 1}}, 2, false},
       {"drawing", {{"junk", 1}}, 0, false}, {"laser", {}, 1, false},
   };
-  for (const auto& c : cases) streamServer_->sendMap({{"event", c.event}, {"data", c.data}});
+  for (const auto& c : cases) push(*streamServer_, c.event, c.data);
   // "url" is subscribed to but finds no listener; "sync" goes to every observer.
-  streamServer_->sendMap({{"event", "url"}, {"data", ValueMap{{"url", "https://x"}}}});
-  streamServer_->sendMap({{"event", "sync"}, {"data", ValueMap{}}});
+  push(*streamServer_, "url", ValueMap{{"url", "https://x"}});
+  push(*streamServer_, "sync");
   ASSERT_TRUE(waitFor([&] { return first->syncs.size() == 1 && second->syncs.size() == 1; }));
 
   for (const auto* observer : {first.get(), second.get()}) {
@@ -210,7 +190,7 @@ TEST_F(StreamProtocolTest, AgentEventsReachEveryObserverParsedForEach) {
 
   // A removed observer hears nothing more.
   protocol_->removeStreamProtocolObserver(second);
-  streamServer_->sendMap({{"event", "sync"}, {"data", ValueMap{}}});
+  push(*streamServer_, "sync");
   ASSERT_TRUE(waitFor([&] { return first->syncs.size() == 2; }));
   EXPECT_EQ(second->syncs.size(), 1u);
 }
@@ -224,7 +204,7 @@ TEST_F(StreamProtocolTest, CloseLeavesNoSocketsAndNoObservers) {
   protocol_->close();
   EXPECT_FALSE(protocol_->control());
   EXPECT_FALSE(protocol_->stream());
-  ASSERT_TRUE(waitFor([&] { return controlServer_->openCount() == 0 && streamServer_->openCount() == 0; }));
+  ASSERT_TRUE(waitForBothClosed());
   EXPECT_EQ(controlServer_->closeCodes(), std::vector<std::uint16_t>{1000});
   EXPECT_EQ(streamServer_->closeCodes(), std::vector<std::uint16_t>{1000});
   protocol_->close();  // twice is harmless
@@ -233,8 +213,8 @@ TEST_F(StreamProtocolTest, CloseLeavesNoSocketsAndNoObservers) {
   // emptied by close no longer hears their events.
   session_->updateResource(sessionMap(true, true));
   ASSERT_TRUE(waitForEvents(*streamServer_, "filter", 2));
-  streamServer_->sendMap({{"event", "sync"}, {"data", ValueMap{}}});
-  streamServer_->sendMap({{"event", "probe"}, {"data", ValueMap{}}});
+  push(*streamServer_, "sync");
+  push(*streamServer_, "probe");
   ASSERT_TRUE(waitForEvents(*streamServer_, "alive", 1));
   EXPECT_TRUE(observer->syncs.empty());
 }
@@ -244,7 +224,7 @@ TEST_F(StreamProtocolTest, DroppingTheProtocolDisconnectsItsSockets) {
   // Without the session's strong reference, the protocol's owner is the last.
   session_->removeSessionObserver(protocol_);
   protocol_.reset();
-  ASSERT_TRUE(waitFor([&] { return controlServer_->openCount() == 0 && streamServer_->openCount() == 0; }));
+  ASSERT_TRUE(waitForBothClosed());
   EXPECT_EQ(streamServer_->closeCodes(), std::vector<std::uint16_t>{1000});
 }
 
@@ -253,26 +233,17 @@ TEST(ZPHStreamProtocolDateTest, ISODateStringUsesTheLocalOffset) {
   const std::string previous = saved ? saved : "";
   // 2024-05-01 11:45:07 UTC, and a little more that must not show.
   const auto time = std::chrono::sys_seconds{std::chrono::seconds{1714563907}} + std::chrono::milliseconds{999};
-  const struct {
-    const char* zone;
-    const char* expected;
-  } cases[] = {
-      {"UTC0", "2024-05-01T11:45:07Z"},
-      {"CET-1CEST,M3.5.0,M10.5.0/3", "2024-05-01T13:45:07+02:00"},
-      {"EST5", "2024-05-01T06:45:07-05:00"},
-      {"<+0530>-5:30", "2024-05-01T17:15:07+05:30"},
-  };
-  for (const auto& c : cases) {
-    setenv("TZ", c.zone, 1);
+  const std::pair<const char*, const char*> cases[] = {
+      {"UTC0", "2024-05-01T11:45:07Z"}, {"CET-1CEST,M3.5.0,M10.5.0/3", "2024-05-01T13:45:07+02:00"},
+      {"EST5", "2024-05-01T06:45:07-05:00"}, {"<+0530>-5:30", "2024-05-01T17:15:07+05:30"}};
+  for (const auto& [zone, expected] : cases) {
+    setenv("TZ", zone, 1);
     tzset();
-    EXPECT_EQ(ZPHStreamProtocol::ISODateString(time), c.expected) << c.zone;
+    EXPECT_EQ(ZPHStreamProtocol::ISODateString(time), expected) << zone;
   }
-  if (saved)
-    setenv("TZ", previous.c_str(), 1);
-  else
-    unsetenv("TZ");
+  saved ? setenv("TZ", previous.c_str(), 1) : unsetenv("TZ");
   tzset();
-  EXPECT_EQ(ZPHStreamProtocol::ISODateString().size() >= 20, true);
+  EXPECT_GE(ZPHStreamProtocol::ISODateString().size(), 20u);
 }
 
 }  // namespace

@@ -73,9 +73,9 @@ class StreamProtocolTest : public MainQueueTest {
     }
     return map;
   }
-  // What the REST service answers a fetch with: the control socket only, so a
-  // fetch never opens the stream socket by itself, and a scale that tells it
-  // from the pushed representations.
+  // What the REST service answers a fetch with: by default the control socket
+  // only, so a fetch never opens the stream socket, and a scale that tells it
+  // from pushed representations.
   std::string sessionJson(bool withStream = false) const {
     std::string json = R"({"type":"Session","id":"s-1","state":"active","scale":0.75,"control_url":")" +
                        controlServer_->url("") + R"(","control_token":"ctok")";
@@ -90,16 +90,34 @@ class StreamProtocolTest : public MainQueueTest {
       if (map.get("event") == Value(event)) found.push_back(map);
     return found;
   }
+  static void push(WebSocketTestServer& server, std::string_view event, const Value& data = ValueMap{}) {
+    server.sendMap({{"event", event}, {"data", data}});
+  }
   bool waitFor(const std::function<bool()>& done) { return queue().runUntil(done); }
   bool waitForEvents(const WebSocketTestServer& server, std::string_view event, std::size_t count) {
     return waitFor([&] { return receivedEvents(server, event).size() >= count; });
   }
+  bool waitForBothClosed() {
+    return waitFor([&] { return controlServer_->openCount() == 0 && streamServer_->openCount() == 0; });
+  }
+  // Drops the server's connections and, once the client has noticed, moves the
+  // clock through the reconnect back-off until the new connection has sent its
+  // filter and `done` holds. The clock stops once it is accepted, or the
+  // handshake's own timeout on the same clock would fire.
+  bool reconnect(WebSocketTestServer& server, const std::function<bool()>& done = [] { return true; }) {
+    const auto& socket = &server == controlServer_.get() ? protocol_->control() : protocol_->stream();
+    server.dropConnections();
+    if (!waitFor([&] { return !socket->isConneced(); })) return false;
+    return waitFor([&] {
+      if (server.acceptedCount() < 2) advance(std::chrono::milliseconds(100));
+      return receivedEvents(server, "filter").size() >= 2 && done();
+    });
+  }
   // Opens both sockets and waits until the stream socket is connected and has
-  // sent its filter, and the fetch that the control connection started has been
-  // applied: a closed protocol still observes its session, so a fetch landing
-  // after close() would open the sockets again.
+  // sent its filter, and the fetch started by the control connection has landed
+  // (a closed protocol still observes its session, so a late fetch would reopen).
   void openBoth() {
-    // Fetches must keep the stream socket's fields, or its reconnects find no URL.
+    // Fetches keep the stream socket's fields, or its reconnects find no URL.
     http_.route("GET", "/api/1/sessions/s-1", HttpTestServer::Response::json(200, sessionJson(true)));
     session_->updateResource(sessionMap(true, true));
     ASSERT_TRUE(waitForEvents(*streamServer_, "filter", 1));
