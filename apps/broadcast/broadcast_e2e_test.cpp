@@ -160,17 +160,19 @@ class ReferenceService : public LocalService {
     call("POST", consolePath() + "/drop-stream", "{}");
   }
   bool controlConnected() override { return count(summary().get("session_listeners")) > 0; }
-  std::size_t frames() override {
-    const Value stats = summary().get("stats");
-    return stats.isMap() ? count(stats.asMap()->get("frames")) : 0;
-  }
+  std::size_t frames() override { return framesIn(summary()); }
   // The dropped socket is closed before the drop is answered, so later frames
   // came on another one.
   bool framesOnNewStreamSocket() override {
-    return count(summary().get("stream_sockets")) > 0 && frames() > framesAtDrop_;
+    const ValueMap now = summary();
+    return count(now.get("stream_sockets")) > 0 && framesIn(now) > framesAtDrop_;
   }
 
  private:
+  static std::size_t framesIn(const ValueMap& summary) {
+    const Value stats = summary.get("stats");
+    return stats.isMap() ? count(stats.asMap()->get("frames")) : 0;
+  }
   static std::size_t count(const Value& value) {
     if (const auto* n = value.asUInt()) return static_cast<std::size_t>(*n);
     if (const auto* n = value.asInt(); n && *n > 0) return static_cast<std::size_t>(*n);

@@ -167,9 +167,8 @@ ValueMap ServiceHub::summary(const Session& session) const {
   out.set("stream_sockets", countLive(sockets_, isSocket(SocketKind::Stream)));
   // Control sockets that hear of changes now: a socket counts once its filter
   // asked for "session".
-  out.set("session_listeners", countLive(sockets_, [&session](const SessionSocket& s) {
-            return s.isOpen() && s.kind() == SocketKind::Control && s.sessionId() == session.id &&
-                   s.wants(wire::kSessionEvent);
+  out.set("session_listeners", countLive(sockets_, [isControl = isSocket(SocketKind::Control)](const SessionSocket& s) {
+            return isControl(s) && s.wants(wire::kSessionEvent);
           }));
   return out;
 }

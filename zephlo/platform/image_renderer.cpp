@@ -49,7 +49,7 @@ class AlignedScratch {
   std::vector<std::uint8_t> storage_;
 };
 
-// Three 8-bit planes in scratch memory, with aligned strides.
+// YCbCr 4:2:0 planes in scratch memory, with aligned strides.
 struct Planes {
   // Four entries, as swscale takes them; the fourth stays empty.
   std::uint8_t* data[4] = {nullptr, nullptr, nullptr, nullptr};
@@ -57,12 +57,12 @@ struct Planes {
   int width[3] = {0, 0, 0};
   int height[3] = {0, 0, 0};
 
-  void layOut(AlignedScratch& scratch, int lumaWidth, int lumaHeight, bool halfChroma) {
+  void layOut(AlignedScratch& scratch, int lumaWidth, int lumaHeight) {
     std::size_t offsets[3];
     std::size_t size = 0;
     for (int p = 0; p < 3; ++p) {
-      width[p] = p == 0 || !halfChroma ? lumaWidth : divideRoundingUp(lumaWidth, 2);
-      height[p] = p == 0 || !halfChroma ? lumaHeight : divideRoundingUp(lumaHeight, 2);
+      width[p] = p == 0 ? lumaWidth : divideRoundingUp(lumaWidth, 2);
+      height[p] = p == 0 ? lumaHeight : divideRoundingUp(lumaHeight, 2);
       stride[p] = alignUp(width[p]);
       offsets[p] = size;
       size += static_cast<std::size_t>(stride[p]) * static_cast<std::size_t>(height[p]);
@@ -108,7 +108,6 @@ class BandSums {
   }
 
   int blocks() const { return blocks_; }
-  int rows() const { return rows_; }
   // Samples in a whole block, and in the last one.
   int area() const { return k_ * rows_; }
   int lastArea() const { return lastColumns_ * rows_; }
@@ -174,9 +173,8 @@ ZEPHLO_VECTOR_LOOPS void writeMeans(const Sums& sums, int c, std::uint8_t* __res
   const std::uint32_t* __restrict s = sums.channel(c);
   const int blocks = sums.blocks();
   const std::int32_t w = fixedWeight(1.0, sums.area());
-  for (int x = 0; x < blocks; ++x) out[x] = fixedToByte(w * static_cast<std::int32_t>(s[x]));
-  const int last = sums.blocks() - 1;
-  out[last] = fixedToByte(fixedWeight(1.0, sums.lastArea()) * static_cast<std::int32_t>(s[last]));
+  for (int x = 0; x < blocks - 1; ++x) out[x] = fixedToByte(w * static_cast<std::int32_t>(s[x]));
+  out[blocks - 1] = fixedToByte(fixedWeight(1.0, sums.lastArea()) * static_cast<std::int32_t>(s[blocks - 1]));
 }
 
 // JFIF YCbCr from mean B, G and R (0..255).
@@ -427,7 +425,7 @@ std::unique_ptr<Bitmap> ImageRenderer::render(const Image& image) {
     sourceWidth = divideRoundingUp(in.width(), k);
     sourceHeight = divideRoundingUp(in.height(), k);
     Planes shrunk;
-    shrunk.layOut(impl_->shrunkScratch, sourceWidth, sourceHeight, true);
+    shrunk.layOut(impl_->shrunkScratch, sourceWidth, sourceHeight);
     if (in.format() == PixelFormat::NV12) {
       impl_->nv12Shrinker.shrink(in, k, shrunk);
     } else {
@@ -442,7 +440,7 @@ std::unique_ptr<Bitmap> ImageRenderer::render(const Image& image) {
   SwsContext* context = impl_->scaler(format, sourceWidth, sourceHeight, scaled.width, scaled.height);
   if (!context) return nullptr;
   Planes out;
-  out.layOut(impl_->scaledScratch, scaled.width, scaled.height, true);
+  out.layOut(impl_->scaledScratch, scaled.width, scaled.height);
   if (sws_scale(context, source, sourceStride, 0, sourceHeight, out.data, out.stride) != scaled.height) {
     return nullptr;
   }
