@@ -49,17 +49,21 @@ std::optional<std::string> ZPHKeychain::teamId() {
   auto store = KeychainStore::shared();
   KeychainQuery query = probeQuery();
   KeychainItem result;
-  KeychainStatus status = store->copyMatching(query, &result);
-  if (status == platform::kKeychainItemNotFound) status = store->add(query, &result);
+  // One transaction: another process probing at the same time never sees this
+  // probe item, so its own add cannot find a duplicate.
+  KeychainStatus status = store->transaction([&] {
+    KeychainStatus found = store->copyMatching(query, &result);
+    if (found == platform::kKeychainItemNotFound) found = store->add(query, &result);
+    // The probe never outlives the call, whether it was found or just added.
+    if (found == platform::kKeychainSuccess) store->deleteItems(query);
+    return found;
+  });
   if (status != platform::kKeychainSuccess) {
     platform::log("Failed to determine team ID " + std::to_string(status));
     return std::nullopt;
   }
   std::string group = result.accessGroup.value_or("");
-  std::string team = group.substr(0, group.find('.'));
-  // The probe never outlives the call, whether it was found or just added.
-  store->deleteItems(query);
-  return team;
+  return group.substr(0, group.find('.'));
 }
 
 std::string ZPHKeychain::sharedGroup() { return groupText(teamId()) + ".zephlo"; }
@@ -85,13 +89,17 @@ KeychainStatus ZPHKeychain::setValue(std::string_view value, std::string_view fo
   attributes.accessible = KeychainAccessible::AlwaysThisDeviceOnly;
   attributes.synchronizable = false;
 
-  // There is no update in place: the old item goes first.
-  KeychainStatus status = store->deleteItems(query);
-  if (status == platform::kKeychainSuccess || status == platform::kKeychainItemNotFound)
+  // There is no update in place: the old item goes first, in the same
+  // transaction as the new one, so no reader in another process finds neither.
+  KeychainStatus status = platform::kKeychainSuccess;
+  KeychainStatus added = store->transaction([&] {
+    status = store->deleteItems(query);
+    if (status != platform::kKeychainSuccess && status != platform::kKeychainItemNotFound) return status;
     return store->add(attributes, nullptr);
+  });
   if (status == platform::kKeychainMissingEntitlement)
     platform::log("Missing entitlement for keychain group " + groupText(inGroup));
-  return status;
+  return added;
 }
 
 std::optional<std::string> ZPHKeychain::getValue(std::string_view key, const std::optional<std::string>& inGroup) {

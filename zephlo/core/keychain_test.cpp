@@ -205,6 +205,36 @@ TEST_F(ZPHKeychainTest, ClearKeyReturnsTheDeleteStatusUnexamined) {
   EXPECT_TRUE(log_.lines().empty());
 }
 
+// The host rewrites the session while the extension starts in another process:
+// the reader never falls into a gap between the old item and the new, and two
+// team probes at once never trip over each other's probe item.
+TEST_F(ZPHKeychainTest, AnotherProcessWritingLeavesNoGapAndProbesDoNotCollide) {
+  ASSERT_EQ(ZPHKeychain::setValue("s-0", kZPHSessionStorageKey, kShared), platform::kKeychainSuccess);
+  constexpr int kRounds = 200;
+  const pid_t child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    KeychainStore::setShared(KeychainStore::open(path_));
+    int failures = 0;
+    for (int i = 1; i <= kRounds; ++i) {
+      failures += ZPHKeychain::setValue("s-" + std::to_string(i), kZPHSessionStorageKey, kShared) != 0;
+      failures += !ZPHKeychain::teamId().has_value();
+    }
+    ::_exit(failures == 0 ? 0 : 1);
+  }
+  int missingSessions = 0, missingTeams = 0, status = 0;
+  while (::waitpid(child, &status, WNOHANG) == 0) {
+    missingSessions += !ZPHKeychain::getValue(kZPHSessionStorageKey, kShared).has_value();
+    missingTeams += !ZPHKeychain::teamId().has_value();
+  }
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_EQ(missingSessions, 0);
+  EXPECT_EQ(missingTeams, 0);
+  EXPECT_EQ(ZPHKeychain::getValue(kZPHSessionStorageKey, kShared), "s-" + std::to_string(kRounds));
+  EXPECT_EQ(store_->copyMatching(probe(), nullptr), platform::kKeychainItemNotFound);
+}
+
 #ifdef ZEPHLO_KEYCHAIN_TOOL
 struct ToolResult {
   int exitCode;

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <thread>
@@ -187,6 +188,42 @@ bool createFile(const std::string& path, std::string* error) {
   return true;
 }
 
+std::string octal(mode_t mode) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+  return text;
+}
+
+// Closes an existing store to others: the file to 0600 and its folder to 0700
+// when they are ours. A file of someone else's that others may read, or a folder
+// of someone else's where others may replace the file, is refused. A sticky folder
+// such as /tmp is shared by design and left as it is; so is a medium that cannot
+// be written (the store then opens read-only).
+bool closeToOthers(const std::string& path, std::string* error) {
+  const auto tighten = [&](const std::string& name, mode_t allowed, mode_t refused, bool folder) {
+    struct stat info {};
+    if (::stat(name.c_str(), &info) != 0) {
+      *error = "cannot read the modes of " + name + ": " + std::strerror(errno);
+      return false;
+    }
+    if ((info.st_mode & ~allowed & 07777) == 0 || (folder && (info.st_mode & S_ISVTX))) return true;
+    if (info.st_uid != ::geteuid()) {
+      if ((info.st_mode & refused) == 0) return true;
+      *error = name + " has mode " + octal(info.st_mode) + " and belongs to uid " + std::to_string(info.st_uid) +
+               ", not to this user: refusing a store others can reach";
+      return false;
+    }
+    if (::chmod(name.c_str(), allowed) != 0 && errno != EROFS) {
+      *error = "cannot set mode " + octal(allowed) + " on " + name + ": " + std::strerror(errno);
+      return false;
+    }
+    return true;
+  };
+  const std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  return tighten(folder.empty() ? std::string(".") : folder.string(), 0700, 0022, true) &&
+         tighten(path, 0600, 0077, false);
+}
+
 std::mutex& sharedMutex() {
   static std::mutex mutex;
   return mutex;
@@ -218,7 +255,8 @@ std::shared_ptr<KeychainStore> KeychainStore::open(const std::string& path, Keyc
   int flags = SQLITE_OPEN_NOMUTEX;
   if (mode == KeychainOpenMode::ReadWrite) {
     std::string error;
-    if (!makeDirectories(std::filesystem::path(path).parent_path(), &error) || !createFile(path, &error))
+    if (!makeDirectories(std::filesystem::path(path).parent_path(), &error) || !createFile(path, &error) ||
+        !closeToOthers(path, &error))
       return fail(error);
     flags |= SQLITE_OPEN_READWRITE;
   } else {
@@ -390,6 +428,24 @@ KeychainStatus KeychainStore::add(const KeychainQuery& attributes, KeychainItem*
 
   if (result && attributes.returnAttributes) *result = std::move(item);
   return kKeychainSuccess;
+}
+
+KeychainStatus KeychainStore::transaction(const std::function<KeychainStatus()>& body) {
+  std::lock_guard lock(mutex_);
+  // A store that cannot be written has nothing to keep together.
+  if (!db_ || readOnly_ || transactionDepth_ > 0) return body();
+  // IMMEDIATE takes the write lock up front: two processes that both read before
+  // writing cannot both read the old state.
+  if (int rc = execute(db_, "BEGIN IMMEDIATE"); rc != SQLITE_OK) return statusFor(rc);
+  ++transactionDepth_;
+  KeychainStatus status = body();
+  --transactionDepth_;
+  if (status == kKeychainSuccess) {
+    if (int rc = execute(db_, "COMMIT"); rc != SQLITE_OK) status = statusFor(rc);
+  }
+  // Nothing of a failed body is kept; after a failed commit this ends the transaction.
+  if (sqlite3_get_autocommit(db_) == 0) execute(db_, "ROLLBACK");
+  return status;
 }
 
 KeychainStatus KeychainStore::deleteItems(const KeychainQuery& query) {

@@ -6,7 +6,9 @@
 // Statuses are the keychain's own codes (0, -25300 not found, -25299 duplicate,
 // -34018 missing entitlement, ...), returned as values.
 //
-// The database lives in one file, created 0600 inside a 0700 directory. Every
+// The database lives in one file, created 0600 inside a 0700 directory; an
+// existing file or folder of ours that is open to others is closed again on open,
+// and one of someone else's that others can reach is refused. Every
 // write is one transaction in a rollback journal with synchronous=FULL, so a crash
 // never leaves half an item and a store on read-only media can still be read.
 // Other processes may use the same file at the same time: SQLite's file locks keep
@@ -15,8 +17,9 @@
 // The process-wide store (`shared`) is what the library uses; the host sets it
 // once at start-up, or it opens `defaultPath()` on first use. Callers share it.
 //
-// THREADING: every operation may be called from any thread; one mutex per store
-// serialises the calls on its database connection.
+// THREADING: every operation may be called from any thread; one recursive mutex
+// per store serialises the calls on its database connection, and a transaction
+// holds it from begin to end.
 #pragma once
 
 #include <cstdint>
@@ -133,6 +136,14 @@ class KeychainStore {
   // SecItemDelete: deletes every item matching `query`.
   KeychainStatus deleteItems(const KeychainQuery& query);
 
+  // Runs `body`'s operations on this store as one transaction: other processes
+  // see all of its writes or none, and none of theirs land in between. Committed
+  // when `body` answers success, rolled back otherwise; `body`'s status is
+  // returned (or the database's, when the transaction cannot begin or commit).
+  // Other threads' calls on this store wait until it ends; a transaction inside
+  // another is part of it.
+  KeychainStatus transaction(const std::function<KeychainStatus()>& body);
+
   bool isOpen() const { return db_ != nullptr; }
   bool isReadOnly() const { return readOnly_; }
   const std::string& openError() const { return openError_; }
@@ -148,7 +159,8 @@ class KeychainStore {
   explicit KeychainStore(std::string path);
   std::optional<KeychainStatus> injectedFault(KeychainOperation operation);
 
-  std::mutex mutex_;
+  std::recursive_mutex mutex_;
+  int transactionDepth_ = 0;
   std::string path_;
   sqlite3* db_ = nullptr;
   bool readOnly_ = false;

@@ -167,8 +167,16 @@ TEST_F(KeychainStoreTest, TheFileIsOwnerOnlyAndOutlivesTheStore) {
   for (const auto& entry : fs::directory_iterator(nested.parent_path())) names.push_back(entry.path().filename());
   EXPECT_EQ(names, std::vector<std::string>{"keychain.db"});
 
+  // A store left open to others (an older version, a copy, a careless chmod) is
+  // closed to them again when it is opened.
   store.reset();
+  ASSERT_EQ(::chmod(nested.c_str(), 0644), 0);
+  ASSERT_EQ(::chmod(nested.parent_path().c_str(), 0755), 0);
   auto reopened = KeychainStore::open(nested.string());
+  ASSERT_EQ(::stat(nested.c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0600u);
+  ASSERT_EQ(::stat(nested.parent_path().c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 07777, 0700u);
   EXPECT_EQ(valueOf(*reopened, item("k")), "v");
   auto readOnly = KeychainStore::open(nested.string(), KeychainOpenMode::ReadOnly);
   ASSERT_TRUE(readOnly->isOpen()) << readOnly->openError();
