@@ -267,9 +267,32 @@ struct ValueEqual {
   bool operator()(const Value* a, const Value* b) const { return *a == *b; }
 };
 
+// What holding a value costs beyond the Value itself: the shared block of a byte
+// string, array, map or kept item, and text too long to sit inline.
+constexpr std::size_t kSharedBlockCost = 64;
+constexpr std::size_t kInlineText = 15;
+
+std::size_t heapCost(const Value& value) {
+  using T = Value::Type;
+  switch (value.type()) {
+    case T::String:
+      return value.asString()->size() > kInlineText ? value.asString()->size() + 1 : 0;
+    case T::Bytes:
+      return kSharedBlockCost + value.asBytes()->size();
+    case T::Item:
+      return kSharedBlockCost + value.asItem()->encoded().size();
+    case T::Array:
+    case T::Map:
+      return kSharedBlockCost;  // the elements were counted as they arrived
+    default:
+      return 0;
+  }
+}
+
 class Decoder {
  public:
-  explicit Decoder(std::span<const std::uint8_t> input) : input_(input) {}
+  explicit Decoder(std::span<const std::uint8_t> input)
+      : input_(input), budget_(std::max(kMinDecodeBudget, std::min(kDecodeBudgetPerByte * input.size(), kMaxDecodeBudget))) {}
 
   DecodeResult run() {
     DecodeResult result;
@@ -403,6 +426,11 @@ class Decoder {
   // Hands a finished value to its parent, closing every parent it completes.
   std::optional<Value> complete(Value value) {
     while (true) {
+      // Each value is paid for once, when it is finished; a map's entries also
+      // cost their slot in the map beside the slots they had while collected.
+      spent_ += sizeof(Value) + heapCost(value);
+      if (value.isMap()) spent_ += value.asMap()->size() * sizeof(ValueMap::Entry);
+      if (spent_ > budget_) return fail();
       if (stack_.empty()) return value;
       Frame& top = stack_.back();
       top.items.push_back(std::move(value));
@@ -470,6 +498,8 @@ class Decoder {
   }
 
   std::span<const std::uint8_t> input_;
+  const std::size_t budget_;
+  std::size_t spent_ = 0;
   std::size_t pos_ = 0;
   std::vector<Frame> stack_;
   bool malformed_ = false;

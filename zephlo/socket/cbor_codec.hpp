@@ -26,6 +26,13 @@ namespace zephlo::cbor {
 // by the encoder).
 inline constexpr std::size_t kMaxDepth = 64;
 
+// Memory the decoded values of one message may take: kDecodeBudgetPerByte for
+// each byte received, within [kMinDecodeBudget, kMaxDecodeBudget]. A 30 KB frame
+// or a session push costs a small part of it.
+inline constexpr std::size_t kDecodeBudgetPerByte = 16;
+inline constexpr std::size_t kMinDecodeBudget = std::size_t{1} << 20;
+inline constexpr std::size_t kMaxDecodeBudget = std::size_t{64} << 20;
+
 // Generic encoding of one value. Empty when the value cannot be encoded (nesting
 // deeper than kMaxDepth).
 std::optional<Bytes> encode(const Value& value);

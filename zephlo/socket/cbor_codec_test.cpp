@@ -167,6 +167,21 @@ TEST(CborCodecTest, MalformedOrHostileInputDecodesToNothing) {
   }
 }
 
+// One byte on the wire may become a value of tens of bytes: what a message may
+// cost is bounded by its size, with a floor that small messages never reach.
+TEST(CborCodecTest, DecodingMemoryIsBoundedByTheMessageSize) {
+  const auto emptyMaps = [](std::uint32_t n) {
+    Bytes bytes{0x9a, static_cast<std::uint8_t>(n >> 24), static_cast<std::uint8_t>(n >> 16),
+                static_cast<std::uint8_t>(n >> 8), static_cast<std::uint8_t>(n)};
+    bytes.resize(bytes.size() + n, 0xa0);
+    return bytes;
+  };
+  EXPECT_FALSE(decode(emptyMaps(1u << 20)).has_value());
+  const auto few = decode(emptyMaps(4096));
+  ASSERT_TRUE(few && few->asArray());
+  EXPECT_EQ(few->asArray()->size(), 4096u);
+}
+
 TEST(CborCodecTest, KeysThatCannotBeMapKeysAreReportedAsFatal) {
   const struct {
     const char* what;
