@@ -5,7 +5,7 @@
 // connection, no cookies, no cache, no stored credentials and no TLS session
 // reuse between transfers. TLS peers are verified against the system store, or
 // against the file named by SSL_CERT_FILE when that is set. Redirects are
-// followed and compressed bodies are decoded. The request's timeout bounds the
+// followed (from https to https only) and compressed bodies are decoded. The request's timeout bounds the
 // connect and any stretch of time in which no byte moves.
 //
 // Ownership: `shared()` is the process-wide client, created on first use and shut

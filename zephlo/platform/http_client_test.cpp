@@ -138,6 +138,60 @@ TEST(HttpClientTest, ReportsTransportErrorsWithPlatformCodes) {
   }
 }
 
+// HTTPS trusts the test authority named by SSL_CERT_FILE and nothing else: a
+// refused peer sees a handshake and no request, and the caller a transport error.
+TEST(HttpClientTest, HttpsTrustsOnlyVerifiedPeersForTheirHost) {
+  testing::TestCertificates certificates;
+  ASSERT_TRUE(certificates.ok()) << "openssl could not make the test certificates";
+  HttpClient client;
+  {
+    HttpTestServer trusted(certificates.identity("local"));
+    trusted.route("GET", "/a", HttpTestServer::Response::json(200, "[1]"));
+    testing::CertFileEnv env(certificates.trustFile());
+    for (const std::string& url : {trusted.url("/a"), "https://localhost:" + std::to_string(trusted.port()) + "/a"}) {
+      const auto outcome = fetch(client, requestFor(url));
+      ASSERT_FALSE(outcome.result.error) << url << ": " << outcome.result.error->description;
+      EXPECT_EQ(outcome.result.body, "[1]") << url;
+    }
+  }
+  const struct {
+    const char* identity;
+    std::optional<std::string> trust;
+  } refused[] = {
+      {"local", std::nullopt},  // the system store does not know the test authority
+      {"unknown", certificates.trustFile()},
+      {"self", certificates.trustFile()},
+      {"other", certificates.trustFile()},
+      {"expired", certificates.trustFile()},
+  };
+  for (const auto& c : refused) {
+    SCOPED_TRACE(c.identity);
+    HttpTestServer server(certificates.identity(c.identity));
+    server.route("GET", "/a", HttpTestServer::Response::json(200, "[1]"));
+    testing::CertFileEnv env(c.trust);
+    const auto outcome = fetch(client, requestFor(server.url("/a")));
+    ASSERT_TRUE(outcome.result.error);
+    EXPECT_TRUE(outcome.result.error->code == -1202 || outcome.result.error->code == -1200)
+        << outcome.result.error->code << ": " << outcome.result.error->description;
+    EXPECT_FALSE(outcome.result.response);
+    EXPECT_EQ(server.connectionCount(), 1u);
+    EXPECT_EQ(server.requestCount(), 0u);
+  }
+
+  // A redirect may not leave TLS behind.
+  HttpTestServer secure(certificates.identity("local")), plain;
+  HttpTestServer::Response down;
+  down.status = 302;
+  down.headers.emplace_back("Location", plain.url("/final"));
+  secure.route("GET", "/start", down);
+  plain.route("GET", "/final", HttpTestServer::Response::json(200, "[]"));
+  testing::CertFileEnv env(certificates.trustFile());
+  const auto outcome = fetch(client, requestFor(secure.url("/start")));
+  EXPECT_TRUE(outcome.result.error);
+  EXPECT_EQ(secure.requestCount(), 1u);
+  EXPECT_EQ(plain.requestCount(), 0u);
+}
+
 TEST(HttpClientTest, ShutdownAbandonsTransfersInFlight) {
   HttpTestServer server;
   holdWait(server);

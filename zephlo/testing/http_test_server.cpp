@@ -5,8 +5,10 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
+#include <boost/asio/ssl.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
 
 #include <condition_variable>
 #include <map>
@@ -18,11 +20,19 @@ namespace zephlo::testing {
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
+namespace ssl = asio::ssl;
 using tcp = asio::ip::tcp;
+using TlsStream = beast::ssl_stream<beast::tcp_stream>;
 
 namespace {
 bool sameName(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+// The TCP stream under a connection, sharing the connection's lifetime.
+std::shared_ptr<beast::tcp_stream> lowest(const std::shared_ptr<beast::tcp_stream>& stream) { return stream; }
+std::shared_ptr<beast::tcp_stream> lowest(const std::shared_ptr<TlsStream>& stream) {
+  return {stream, &beast::get_lowest_layer(*stream)};
 }
 }  // namespace
 
@@ -45,6 +55,7 @@ struct HttpTestServer::Impl : std::enable_shared_from_this<HttpTestServer::Impl>
   tcp::acceptor acceptor{io};
   std::thread thread;
   std::uint16_t port = 0;
+  std::unique_ptr<ssl::context> tls;  // set for an https server
 
   mutable std::mutex mutex;
   mutable std::condition_variable recorded;
@@ -74,14 +85,24 @@ struct HttpTestServer::Impl : std::enable_shared_from_this<HttpTestServer::Impl>
         std::lock_guard lock(self->mutex);
         ++self->connections;
       }
-      auto stream = std::make_shared<beast::tcp_stream>(std::move(socket));
-      self->open.push_back(stream);
-      self->read(stream, std::make_shared<beast::flat_buffer>());
+      if (self->tls) {
+        auto stream = std::make_shared<TlsStream>(std::move(socket), *self->tls);
+        self->open.push_back(lowest(stream));
+        // A client that refuses the certificate ends here, before any request.
+        stream->async_handshake(ssl::stream_base::server, [self, stream](beast::error_code ec) {
+          if (!ec) self->read(stream, std::make_shared<beast::flat_buffer>());
+        });
+      } else {
+        auto stream = std::make_shared<beast::tcp_stream>(std::move(socket));
+        self->open.push_back(stream);
+        self->read(stream, std::make_shared<beast::flat_buffer>());
+      }
       self->accept();
     });
   }
 
-  void read(std::shared_ptr<beast::tcp_stream> stream, std::shared_ptr<beast::flat_buffer> buffer) {
+  template <class Stream>
+  void read(std::shared_ptr<Stream> stream, std::shared_ptr<beast::flat_buffer> buffer) {
     auto message = std::make_shared<http::request<http::string_body>>();
     http::async_read(*stream, *buffer, *message,
                      [self = shared_from_this(), stream, buffer, message](beast::error_code ec, std::size_t) {
@@ -90,7 +111,8 @@ struct HttpTestServer::Impl : std::enable_shared_from_this<HttpTestServer::Impl>
                      });
   }
 
-  void onRequest(std::shared_ptr<beast::tcp_stream> stream, std::shared_ptr<beast::flat_buffer> buffer,
+  template <class Stream>
+  void onRequest(std::shared_ptr<Stream> stream, std::shared_ptr<beast::flat_buffer> buffer,
                  const http::request<http::string_body>& message) {
     Request request;
     request.method = std::string(message.method_string());
@@ -100,7 +122,7 @@ struct HttpTestServer::Impl : std::enable_shared_from_this<HttpTestServer::Impl>
     request.body = message.body();
     const Response canned = responseFor(request);
     if (canned.hold) {
-      held.push_back(std::move(stream));
+      held.push_back(lowest(stream));
       return;
     }
 
@@ -116,7 +138,7 @@ struct HttpTestServer::Impl : std::enable_shared_from_this<HttpTestServer::Impl>
                         if (ec) return;
                         if (!reply->keep_alive()) {
                           beast::error_code ignored;
-                          stream->socket().shutdown(tcp::socket::shutdown_send, ignored);
+                          beast::get_lowest_layer(*stream).socket().shutdown(tcp::socket::shutdown_send, ignored);
                           return;
                         }
                         self->read(stream, buffer);
@@ -124,7 +146,12 @@ struct HttpTestServer::Impl : std::enable_shared_from_this<HttpTestServer::Impl>
   }
 };
 
-HttpTestServer::HttpTestServer() : impl_(std::make_shared<Impl>()) {
+HttpTestServer::HttpTestServer(std::optional<TlsIdentity> tls) : impl_(std::make_shared<Impl>()) {
+  if (tls) {
+    impl_->tls = std::make_unique<ssl::context>(ssl::context::tls_server);
+    impl_->tls->use_certificate_chain(asio::buffer(tls->certificateChainPem.data(), tls->certificateChainPem.size()));
+    impl_->tls->use_private_key(asio::buffer(tls->privateKeyPem.data(), tls->privateKeyPem.size()), ssl::context::pem);
+  }
   const tcp::endpoint endpoint(asio::ip::make_address("127.0.0.1"), 0);
   impl_->acceptor.open(endpoint.protocol());
   impl_->acceptor.set_option(tcp::acceptor::reuse_address(true));
@@ -150,7 +177,7 @@ HttpTestServer::~HttpTestServer() {
 std::uint16_t HttpTestServer::port() const { return impl_->port; }
 
 std::string HttpTestServer::url(std::string_view path) const {
-  return "http://127.0.0.1:" + std::to_string(port()) + std::string(path);
+  return std::string(impl_->tls ? "https" : "http") + "://127.0.0.1:" + std::to_string(port()) + std::string(path);
 }
 
 void HttpTestServer::route(std::string method, std::string path, Response response) {

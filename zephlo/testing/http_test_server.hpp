@@ -1,7 +1,8 @@
 // HttpTestServer: a small real HTTP/1.1 server for tests, listening on 127.0.0.1
 // on a port the OS picks. It answers each request with the canned response set
 // for its method and path (query ignored), or 404 with an empty body when none
-// is set, and records every request it reads.
+// is set, and records every request it reads. Given a TLS identity it serves
+// https, and a client that refuses the certificate never gets to send a request.
 //
 // It runs on a thread of its own (its own event loop), so it answers whether or
 // not the test is pumping the main queue; tests wait for replies with
@@ -23,6 +24,8 @@
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "zephlo/testing/test_certificates.hpp"
 
 namespace zephlo::testing {
 
@@ -51,13 +54,13 @@ class HttpTestServer {
     std::optional<std::string> header(std::string_view name) const;
   };
 
-  HttpTestServer();
+  explicit HttpTestServer(std::optional<TlsIdentity> tls = std::nullopt);
   ~HttpTestServer();
   HttpTestServer(const HttpTestServer&) = delete;
   HttpTestServer& operator=(const HttpTestServer&) = delete;
 
   std::uint16_t port() const;
-  // "http://127.0.0.1:<port>" followed by `path`.
+  // "http://127.0.0.1:<port>" (https with TLS) followed by `path`.
   std::string url(std::string_view path = "") const;
 
   // Answers `method` requests for `path` with `response` from now on, replacing

@@ -22,14 +22,9 @@
 #include <vector>
 
 #include "zephlo/socket/value.hpp"
+#include "zephlo/testing/test_certificates.hpp"
 
 namespace zephlo::testing {
-
-// A PEM certificate chain and its private key, for the TLS listener.
-struct TlsIdentity {
-  std::string certificateChainPem;
-  std::string privateKeyPem;
-};
 
 class WebSocketTestServer {
  public:
