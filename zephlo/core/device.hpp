@@ -106,6 +106,7 @@ class ZPHDevice : public ZPHRESTResource {
   static std::uint64_t successDelay(std::uint64_t interval);
 
  private:
+  friend class ZPHDeviceTestPeer;
   std::shared_ptr<ZPHDevice> self();
   void openNotificationSocket();
   void closeNotificationSocket();

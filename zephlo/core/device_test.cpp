@@ -11,6 +11,7 @@
 #include "zephlo/extension/device_info.hpp"
 #include "zephlo/platform/bundle.hpp"
 #include "zephlo/platform/keychain_store.hpp"
+#include "zephlo/socket/cbor_socket.hpp"
 #include "zephlo/testing/http_test_server.hpp"
 #include "zephlo/testing/log_capture.hpp"
 #include "zephlo/testing/main_queue_fixture.hpp"
@@ -18,6 +19,18 @@
 #include "zephlo/testing/web_socket_test_server.hpp"
 
 namespace zephlo {
+
+// Reach the notification socket and its reconnect schedule.
+class ZPHDeviceTestPeer {
+ public:
+  static std::shared_ptr<CBORSocket> notificationSocket(ZPHDevice& device) { return device.notificationSocket_; }
+};
+class CBORSocketTestPeer {
+ public:
+  static std::int64_t attempts(const CBORSocket& s) { return s.attempts_; }
+  static bool reconnectPending(const CBORSocket& s) { return s.reconnectTimer_ && s.reconnectTimer_->isPending(); }
+};
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -277,6 +290,29 @@ TEST_F(ZPHDeviceTest, NotificationSocketIsOpenedKeptAndClosed) {
   EXPECT_EQ(ws.closeCodes().back(), 1000);
   registerWith(Response::json(200, "{}"));
   EXPECT_EQ(log_.lines().size(), 1u);  // nothing left to close
+}
+
+// A notification address that refuses every connection: the wait before each
+// new attempt grows with the failures until its one-minute ceiling.
+TEST_F(ZPHDeviceTest, NotificationSocketBacksOffToAOneMinuteCeiling) {
+  testing::RefusingPort refusing;
+  registerWith(Response::json(200, R"({"next_registration":86400,"notification_url":")" + refusing.url("/n", "ws") +
+                                       R"(","notification_token":"t"})"));
+  const auto socket = ZPHDeviceTestPeer::notificationSocket(*device_);
+  ASSERT_TRUE(socket);
+  using Peer = CBORSocketTestPeer;
+  // Past attempt 101 the back-off is at its ceiling whatever the jitter. The
+  // waits are counted in whole seconds from when the refusal is heard.
+  std::vector<platform::Duration> waits;
+  for (std::int64_t attempt = 1; attempt <= 110; ++attempt) {
+    ASSERT_TRUE(until([&] { return Peer::attempts(*socket) == attempt; })) << attempt;
+    const auto from = now();
+    for (int step = 0; step < 120 && Peer::attempts(*socket) == attempt && Peer::reconnectPending(*socket); ++step)
+      advance(1s);
+    waits.push_back(now() - from);
+  }
+  EXPECT_GE(waits.back(), 59s);
+  EXPECT_LE(*std::max_element(waits.begin(), waits.end()), 60s);
 }
 
 TEST_F(ZPHDeviceTest, ResetStopsEverythingQuietlyAndDeregisterDeletesToo) {
