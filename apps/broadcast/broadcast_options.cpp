@@ -60,7 +60,10 @@ std::variant<BroadcastOptions, int> parseBroadcastOptions(int argc, const char* 
                  "Keychain database (default: $ZEPHLO_KEYCHAIN, else $XDG_DATA_HOME/zephlo/keychain.db, "
                  "else ~/.local/share/zephlo/keychain.db)");
   app.add_option("--source", source, "testpattern, images:DIR or x11[:DISPLAY]")->capture_default_str();
-  app.add_option("--screen", screen, "Screen size in points and pixel scale, WxH@S")->capture_default_str();
+  auto* screenOption = app.add_option("--screen", screen,
+                                      "Screen size in points and pixel scale, WxH@S; for a real screen only S is "
+                                      "used (default there: the desktop's own scale)")
+                           ->capture_default_str();
   app.add_option("--sample-rate", options.sampleRate, "Samples delivered per second")
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
@@ -90,6 +93,7 @@ std::variant<BroadcastOptions, int> parseBroadcastOptions(int argc, const char* 
   }
   options.source = *parsedSource;
   options.screen = *parsedScreen;
+  options.screenGiven = screenOption->count() > 0;
   if (!bundle.empty()) options.bundlePath = bundle;
   options.keychainPath = keychain.empty() ? platform::KeychainStore::defaultPath() : keychain;
   options.pixelFormat = pixelFormat == "nv12" ? platform::PixelFormat::NV12 : platform::PixelFormat::BGRA;

@@ -27,6 +27,8 @@ struct SourceSpec {
   // The folder of `images:DIR`, the display of `x11:DISPLAY` (empty: $DISPLAY).
   std::string argument;
   bool operator==(const SourceSpec&) const = default;
+  // A desktop's screen, whose size is its own, rather than a synthetic one.
+  bool isRealScreen() const { return kind == SourceKind::X11; }
 };
 
 struct BroadcastOptions {
@@ -34,6 +36,8 @@ struct BroadcastOptions {
   std::string keychainPath;
   SourceSpec source;
   platform::ScreenBounds screen{390, 844, 3};
+  // Whether --screen was given: its scale then overrides a real screen's own.
+  bool screenGiven = false;
   double sampleRate = 30;
   std::int64_t orientation = 1;
   platform::PixelFormat pixelFormat = platform::PixelFormat::BGRA;

@@ -36,7 +36,7 @@ TEST(BroadcastOptionsTest, DefaultsAreAPhoneSizedTestPatternAt30HzAndTheEnvironm
   EXPECT_EQ(o.sampleRate, 30);
   EXPECT_EQ(o.orientation, 1);
   EXPECT_EQ(o.pixelFormat, platform::PixelFormat::BGRA);
-  EXPECT_FALSE(o.stats || o.syslog || o.bundlePath);
+  EXPECT_FALSE(o.stats || o.syslog || o.bundlePath || o.screenGiven);
   EXPECT_EQ(o.keychainPath, "/tmp/from-env.db");
 }
 
@@ -51,7 +51,7 @@ TEST(BroadcastOptionsTest, EveryOptionIsTaken) {
   EXPECT_EQ(o.sampleRate, 10);
   EXPECT_EQ(o.orientation, 6);
   EXPECT_EQ(o.pixelFormat, platform::PixelFormat::NV12);
-  EXPECT_TRUE(o.stats && o.syslog);
+  EXPECT_TRUE(o.stats && o.syslog && o.screenGiven);
 }
 
 TEST(BroadcastOptionsTest, SourcesAndScreensAreParsed) {

@@ -8,13 +8,15 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "apps/broadcast/pixel_conversion.hpp"
 
 namespace zephlo {
 
 std::unique_ptr<X11ScreenSource> X11ScreenSource::open(const std::string& display, platform::PixelFormat format,
-                                                       std::int64_t orientation, std::string* error) {
+                                                       std::int64_t orientation, double sampleRate,
+                                                       std::string* error) {
   int screenNumber = 0;
   xcb_connection_t* connection = xcb_connect(display.empty() ? nullptr : display.c_str(), &screenNumber);
   if (xcb_connection_has_error(connection)) {
@@ -36,21 +38,31 @@ std::unique_ptr<X11ScreenSource> X11ScreenSource::open(const std::string& displa
     return nullptr;
   }
   std::unique_ptr<X11ScreenSource> source(new X11ScreenSource(connection, screen->root, screen->width_in_pixels,
-                                                              screen->height_in_pixels, format, orientation));
+                                                              screen->height_in_pixels, format, orientation,
+                                                              sampleRate));
   if (!source->attachSegment(error)) return nullptr;
   return source;
 }
 
 X11ScreenSource::X11ScreenSource(xcb_connection_t* connection, std::uint32_t root, int width, int height,
-                                 platform::PixelFormat format, std::int64_t orientation)
+                                 platform::PixelFormat format, std::int64_t orientation, double sampleRate)
     : connection_(connection),
       root_(root),
       width_(width),
       height_(height),
       orientation_(orientation),
-      pool_(format, width, height) {}
+      pool_(format, width, height),
+      ticker_(sampleRate) {}
+
+void X11ScreenSource::start(Sink sink, EndHandler ended) {
+  ended_ = std::move(ended);
+  ticker_.start([this](platform::Duration sinceStart) { return sampleAt(sinceStart); }, std::move(sink));
+}
+
+void X11ScreenSource::stop() { ticker_.stop(); }
 
 X11ScreenSource::~X11ScreenSource() {
+  ticker_.stop();
   if (segment_) xcb_shm_detach(connection_, segment_);
   xcb_flush(connection_);
   if (shm_) shmdt(shm_);
@@ -102,7 +114,12 @@ bool X11ScreenSource::grab() {
 }
 
 std::optional<platform::SampleBuffer> X11ScreenSource::sampleAt(platform::Duration) {
-  if (!grab()) return std::nullopt;
+  if (!grab()) {
+    if (xcb_connection_has_error(connection_) && ended_) {
+      std::exchange(ended_, nullptr)("The X11 display went away");
+    }
+    return std::nullopt;
+  }
   const std::size_t size = static_cast<std::size_t>(width_) * height_ * 4;
   if (last_.size() == size && std::memcmp(last_.data(), shm_, size) == 0) return std::nullopt;
   last_.assign(shm_, shm_ + size);

@@ -47,7 +47,7 @@ class X11ScreenSourceTest : public ::testing::Test {
 
 TEST_F(X11ScreenSourceTest, AWindowDrawnOnTheScreenArrivesAndAnIdleScreenDeliversNothing) {
   std::string error;
-  auto source = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 1, &error);
+  auto source = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 1, 30, &error);
   ASSERT_TRUE(source) << error;
   EXPECT_EQ(source->width(), 320);
   EXPECT_EQ(source->height(), 240);
@@ -58,7 +58,7 @@ TEST_F(X11ScreenSourceTest, AWindowDrawnOnTheScreenArrivesAndAnIdleScreenDeliver
   const Rgb before = colourAt(*first, 60, 60);
   EXPECT_EQ(before, (Rgb{0, 0, 0}));
   EXPECT_FALSE(source->sampleAt(33ms)) << "nothing changed";
-  auto nv12 = X11ScreenSource::open(display_, platform::PixelFormat::NV12, 6, &error);
+  auto nv12 = X11ScreenSource::open(display_, platform::PixelFormat::NV12, 6, 30, &error);
   ASSERT_TRUE(nv12) << error;
   auto converted = nv12->sampleAt(0ms);
   ASSERT_TRUE(converted);
@@ -86,7 +86,7 @@ TEST_F(X11ScreenSourceTest, AWindowDrawnOnTheScreenArrivesAndAnIdleScreenDeliver
 
 TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefused) {
   std::string error;
-  EXPECT_FALSE(X11ScreenSource::open(":987", platform::PixelFormat::BGRA, 1, &error));
+  EXPECT_FALSE(X11ScreenSource::open(":987", platform::PixelFormat::BGRA, 1, 30, &error));
   EXPECT_NE(error.find(":987"), std::string::npos);
 }
 
