@@ -17,8 +17,8 @@ std::shared_ptr<ZPHDrawing> ZPHDrawing::from(const Value& data) {
   drawing->setId(textForm(*id));
 
   if (const Value* image = dictionary->find("image")) drawing->setImage(image->sharedBytes());
-  // A null under "mime_type" means the same as no entry.
-  if (const Value* mimeType = dictionary->find("mime_type"); mimeType && !mimeType->isNull())
+  // A null under "mime_type", made here or received, means the same as no entry.
+  if (const Value* mimeType = dictionary->find("mime_type"); mimeType && !mimeType->isNullOrCborNull())
     drawing->setMime_type(textForm(*mimeType));
 
   // A partial rectangle is discarded whole rather than merged with the default.

@@ -61,6 +61,13 @@ TEST(ZPHDrawingTest, ImageAndMimeTypeAreOptional) {
   ASSERT_NE(odd, nullptr);
   EXPECT_EQ(odd->image(), nullptr);
   EXPECT_EQ(odd->mime_type(), "3");
+
+  // A null, whether made here or decoded from the wire, is no entry.
+  for (const Value& none : {Value(), Value(CborItem(CborItem::Kind::Null, 0, Bytes{0xf6}))}) {
+    auto parsed = ZPHDrawing::from(drawing({{"mime_type", none}}));
+    ASSERT_NE(parsed, nullptr);
+    EXPECT_EQ(parsed->mime_type(), std::nullopt) << none.debugString();
+  }
 }
 
 TEST(ZPHDrawingTest, RejectsWithoutTypeOrId) {

@@ -9,6 +9,11 @@ Value::Value(SharedBytes b) : v_(b ? std::move(b) : std::make_shared<const Bytes
 Value::Value(ValueArray a) : v_(std::make_shared<const ValueArray>(std::move(a))) {}
 Value::Value(ValueMap m) : v_(std::make_shared<const ValueMap>(std::move(m))) {}
 
+bool Value::isNullOrCborNull() const {
+  const CborItem* item = asItem();
+  return isNull() || (item && item->kind() == CborItem::Kind::Null);
+}
+
 bool Value::isNumber() const {
   switch (type()) {
     case Type::Int:

@@ -88,6 +88,9 @@ class Value {
 
   Type type() const { return static_cast<Type>(v_.index()); }
   bool isNull() const { return type() == Type::Null; }
+  // Null, or a CBOR null as decoded from the wire (kept as its item): what a
+  // field that counts null as no entry counts as no entry.
+  bool isNullOrCborNull() const;
   bool isString() const { return type() == Type::String; }
   bool isMap() const { return type() == Type::Map; }
   bool isArray() const { return type() == Type::Array; }

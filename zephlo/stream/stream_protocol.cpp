@@ -104,7 +104,7 @@ std::shared_ptr<CBORSocket> ZPHStreamProtocol::socket(std::string urlField, std:
 
 void ZPHStreamProtocol::openControlSocket() {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
-  if (!session_ || session_->field(wire::kControlUrl).isNull() || control_) return;
+  if (!session_ || session_->field(wire::kControlUrl).isNullOrCborNull() || control_) return;
   control_ = socket(std::string(wire::kControlUrl), std::string(wire::kControlToken));
   std::weak_ptr<ZPHStreamProtocol> weak = weak_from_this();
 
@@ -123,7 +123,7 @@ void ZPHStreamProtocol::openControlSocket() {
 
 void ZPHStreamProtocol::openStreamSocket() {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
-  if (!session_ || session_->field(wire::kStreamUrl).isNull() || stream_) return;
+  if (!session_ || session_->field(wire::kStreamUrl).isNullOrCborNull() || stream_) return;
   stream_ = socket(std::string(wire::kStreamUrl), std::string(wire::kStreamToken));
   std::weak_ptr<ZPHStreamProtocol> weak = weak_from_this();
 

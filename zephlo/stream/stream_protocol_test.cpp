@@ -23,8 +23,14 @@ TEST_F(StreamProtocolTest, SocketsOpenWhenTheSessionNamesThem) {
   EXPECT_FALSE(protocol_->stream());
   EXPECT_EQ(protocol_->session(), session_);
 
-  // An update without socket URLs opens nothing.
+  // An update without socket URLs opens nothing, and nor does one whose URLs
+  // are nulls as they arrive over the wire.
   session_->updateResource(sessionMap(false, false));
+  EXPECT_FALSE(protocol_->control());
+  EXPECT_FALSE(protocol_->stream());
+  ValueMap wireNulls = sessionMap(false, false);
+  for (const char* field : {"control_url", "stream_url"}) wireNulls.set(field, CborItem(CborItem::Kind::Null, 0, {0xf6}));
+  session_->updateResource(wireNulls);
   EXPECT_FALSE(protocol_->control());
   EXPECT_FALSE(protocol_->stream());
 
