@@ -30,6 +30,9 @@ using testing::ChildProcess;
 
 constexpr char kSessionId[] = "E2E-SESSION";
 constexpr auto kLimit = 30s;
+// The service's message carries a line break (escaped in its JSON body); the
+// program's end line holds it on one line.
+constexpr char kRefusalJson[] = R"(The agent declined\nfull-device mode)";
 constexpr char kRefusal[] = "The agent declined full-device mode";
 
 struct SessionState {
@@ -337,7 +340,7 @@ TEST_P(BroadcastEndToEndTest, EndsBeforeStreamingWithTheReason) {
       {[&] { storeApi(); }, "No session available"},
       {[&] {
          storeSession();
-         service_->answerWithError(403, kRefusal);
+         service_->answerWithError(403, kRefusalJson);
        },
        kRefusal, false},
       {[&] { service_->answerWith({"pending", true}); }, "Zephlo session wasn't activated yet"},
@@ -416,6 +419,25 @@ TEST_P(BroadcastEndToEndTest, ASyncSendsAFrameOfAStillScreen) {
   broadcast_->signal(SIGINT);
   EXPECT_EQ(exitStatus(), 0);
   EXPECT_EQ(broadcast_->stderrLines(), std::vector<std::string>{"Broadcast finished"});
+}
+
+// "zephlo-broadcast --stats | head -1": the reader goes after one line, and the
+// broadcast goes on without its status lines until it is stopped.
+TEST_P(BroadcastEndToEndTest, StreamsOnWhenStandardOutputIsClosed) {
+  storeApi();
+  storeSession();
+  service_->answerWith({"active", true});
+  const std::vector<std::string> args{"-c", R"(exec "$0" "$@" > >(head -n 1))", ZEPHLO_BROADCAST_PROGRAM,
+                                      "--bundle", bundle_, "--keychain", keychain_, "--screen", "100x200@2",
+                                      "--sample-rate", "10", "--stats"};
+  broadcast_ = std::make_unique<ChildProcess>("/bin/bash", args);
+  ASSERT_TRUE(broadcast_->waitForStdout([](const std::string&) { return true; })) << stderrText();
+  // The test pattern changes once a second and a status line is due each second:
+  // three more frames mean status lines went into the closed pipe meanwhile.
+  const auto frames = service_->frames();
+  ASSERT_TRUE(service_->runUntil([&] { return service_->frames() >= frames + 3; })) << stderrText();
+  broadcast_->signal(SIGTERM);
+  EXPECT_EQ(exitStatus(), 0) << stderrText();
 }
 
 INSTANTIATE_TEST_SUITE_P(Services, BroadcastEndToEndTest,

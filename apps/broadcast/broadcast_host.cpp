@@ -4,6 +4,7 @@
 #include <csignal>
 #include <ctime>
 #include <ostream>
+#include <string>
 
 #include "apps/broadcast/broadcast_stats.hpp"
 #include "apps/broadcast/image_folder_source.hpp"
@@ -26,6 +27,18 @@ std::int64_t localSecondsIntoDay() {
   std::tm local{};
   localtime_r(&now, &local);
   return local.tm_hour * 3600 + local.tm_min * 60 + local.tm_sec;
+}
+
+// The end message is one line whatever the service wrote: each run of line
+// breaks becomes one space.
+std::string oneLine(const std::string& text) {
+  std::string line;
+  for (const char c : text) {
+    const bool breaks = c == '\n' || c == '\r';
+    if (!breaks) line += c;
+    else if (line.empty() || line.back() != ' ') line += ' ';
+  }
+  return line;
 }
 
 }  // namespace
@@ -153,7 +166,7 @@ void BroadcastHost::sourceDidEnd(const std::string& why) {
 void BroadcastHost::broadcastDidFinish(const Error& error) {
   if (status_) return;
   source_->stop();
-  *err_ << "Broadcast ended: " << error.description << std::endl;
+  *err_ << "Broadcast ended: " << oneLine(error.description) << std::endl;
   end(kExitEndedByExtension);
 }
 

@@ -73,7 +73,8 @@ std::variant<BroadcastOptions, int> parseBroadcastOptions(int argc, const char* 
       ->capture_default_str()
       ->check(CLI::IsMember({"bgra", "nv12"}));
   app.add_flag("--stats", options.stats, "Print a status line on stdout every second");
-  app.add_option("--log", log, "Where the system log goes: syslog (default: stderr)")->check(CLI::IsMember({"syslog"}));
+  app.add_option("--log", log, "Where the system log goes: stderr (the default) or syslog")
+      ->check(CLI::IsMember({"stderr", "syslog"}));
 
   try {
     app.parse(argc, argv);

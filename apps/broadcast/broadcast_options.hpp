@@ -3,7 +3,7 @@
 //   zephlo-broadcast [--bundle FILE] [--keychain FILE]
 //                    [--source testpattern|images:DIR|x11[:DISPLAY]] [--screen WxH@S]
 //                    [--sample-rate HZ] [--orientation N] [--pixel-format bgra|nv12]
-//                    [--stats] [--log syslog]
+//                    [--stats] [--log stderr|syslog]
 //
 // Plain values; parsed on the main thread before anything else starts.
 #pragma once

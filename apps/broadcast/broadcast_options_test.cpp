@@ -52,6 +52,7 @@ TEST(BroadcastOptionsTest, EveryOptionIsTaken) {
   EXPECT_EQ(o.orientation, 6);
   EXPECT_EQ(o.pixelFormat, platform::PixelFormat::NV12);
   EXPECT_TRUE(o.stats && o.syslog && o.screenGiven);
+  EXPECT_FALSE(options({"--log", "stderr"}).syslog);  // the default, named
 }
 
 TEST(BroadcastOptionsTest, SourcesAndScreensAreParsed) {

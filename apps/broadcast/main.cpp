@@ -16,6 +16,9 @@ int main(int argc, char** argv) {
   auto parsed = zephlo::parseBroadcastOptions(argc, argv, std::cout, std::cerr);
   if (auto* status = std::get_if<int>(&parsed)) return *status;
 
+  // A reader of --stats that goes away (`| head -1`) must not end the broadcast:
+  // the write fails instead, and the status lines stop.
+  std::signal(SIGPIPE, SIG_IGN);
   // Before any thread starts, so that every thread inherits the blocked set and
   // only the watcher takes these signals.
   zephlo::SignalWatcher::blockSignals({SIGUSR1, SIGUSR2, SIGINT, SIGTERM});
