@@ -18,6 +18,7 @@
 #include "zephlo/platform/main_queue.hpp"
 #include "zephlo/platform/main_queue_internal.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
+#include "zephlo/platform/web_socket_endpoint.hpp"
 
 namespace zephlo::platform {
 
@@ -34,61 +35,6 @@ namespace {
 constexpr std::size_t kMaxIncomingMessage = 16 * 1024 * 1024;
 // Bounds our own close handshake, so a silent peer cannot hold a connection open.
 constexpr auto kCloseTimeout = std::chrono::seconds(5);
-
-struct Endpoint {
-  bool secure = false;
-  std::string host;        // without brackets for IPv6
-  std::string port;
-  std::string hostHeader;  // host[:port] as the Host field wants it
-  std::string target;      // path and query
-};
-
-std::optional<Endpoint> parseUrl(std::string_view url) {
-  Endpoint e;
-  const auto schemeEnd = url.find("://");
-  if (schemeEnd == std::string_view::npos) return std::nullopt;
-  const auto scheme = url.substr(0, schemeEnd);
-  if (scheme == "ws" || scheme == "http") {
-    e.secure = false;
-  } else if (scheme == "wss" || scheme == "https") {
-    e.secure = true;
-  } else {
-    return std::nullopt;
-  }
-  auto rest = url.substr(schemeEnd + 3);
-  const auto authorityEnd = rest.find_first_of("/?#");
-  auto authority = rest.substr(0, authorityEnd);
-  rest = authorityEnd == std::string_view::npos ? std::string_view() : rest.substr(authorityEnd);
-  if (const auto at = authority.rfind('@'); at != std::string_view::npos)
-    authority = authority.substr(at + 1);
-  std::string_view host;
-  std::string_view port;
-  if (!authority.empty() && authority.front() == '[') {
-    const auto close = authority.find(']');
-    if (close == std::string_view::npos) return std::nullopt;
-    host = authority.substr(1, close - 1);
-    const auto after = authority.substr(close + 1);
-    if (!after.empty()) {
-      if (after.front() != ':') return std::nullopt;
-      port = after.substr(1);
-    }
-  } else {
-    const auto colon = authority.rfind(':');
-    host = authority.substr(0, colon);
-    if (colon != std::string_view::npos) port = authority.substr(colon + 1);
-  }
-  if (host.empty()) return std::nullopt;
-  for (char c : port)
-    if (c < '0' || c > '9') return std::nullopt;
-  e.host = std::string(host);
-  e.port = port.empty() ? (e.secure ? "443" : "80") : std::string(port);
-  const bool v6 = e.host.find(':') != std::string::npos;
-  e.hostHeader = v6 ? "[" + e.host + "]" : e.host;
-  if (!port.empty()) e.hostHeader += ":" + e.port;
-  if (const auto hash = rest.find('#'); hash != std::string_view::npos) rest = rest.substr(0, hash);
-  e.target = rest.empty() || rest.front() != '/' ? "/" + std::string(rest) : std::string(rest);
-  return e;
-}
 
 bool isIpAddress(const std::string& host) {
   boost::system::error_code ec;
@@ -144,7 +90,7 @@ class StreamConnection final : public WebSocketClient::Connection {
   enum class State { Idle, Opening, Open, Closing, Closed };
 
  public:
-  StreamConnection(URLRequest request, Endpoint endpoint, std::shared_ptr<ssl::context> tls)
+  StreamConnection(URLRequest request, WebSocketEndpoint endpoint, std::shared_ptr<ssl::context> tls)
       : request_(std::move(request)),
         endpoint_(std::move(endpoint)),
         tls_(std::move(tls)),
@@ -381,7 +327,7 @@ class StreamConnection final : public WebSocketClient::Connection {
   }
 
   URLRequest request_;
-  Endpoint endpoint_;
+  WebSocketEndpoint endpoint_;
   std::shared_ptr<ssl::context> tls_;  // outlives the stream that uses it
   tcp::resolver resolver_;
   Stream ws_;
@@ -424,7 +370,7 @@ class FailedConnection final : public WebSocketClient::Connection {
 }  // namespace
 
 WebSocketClient::WebSocketClient(URLRequest request) {
-  auto endpoint = parseUrl(request.url);
+  auto endpoint = WebSocketEndpoint::from(request.url);
   if (!endpoint) {
     connection_ = std::make_shared<FailedConnection>("Invalid WebSocket URL: " + request.url);
     return;
