@@ -168,9 +168,9 @@ INSTANTIATE_TEST_SUITE_P(Methods, X11ScreenSourceTest,
 
 class X11DesktopTest : public X11ScreenSourceTest {};
 
-// The desktop's scale comes from Xft.dpi, and the source ends when the display
-// goes away.
-TEST_P(X11DesktopTest, TakesTheScaleFromXftDpiAndEndsWhenTheDisplayGoes) {
+// The desktop's scale comes from Xft.dpi, the samples follow the screen's size,
+// and the source ends when the display goes away.
+TEST_P(X11DesktopTest, TakesTheScaleFromXftDpiFollowsTheSizeAndEndsWhenTheDisplayGoes) {
   std::string error;
   auto plain = X11ScreenSource::open(display_, platform::PixelFormat::NV12, 1, 30, &error);
   ASSERT_TRUE(plain) << error;
@@ -195,6 +195,22 @@ TEST_P(X11DesktopTest, TakesTheScaleFromXftDpiAndEndsWhenTheDisplayGoes) {
   auto first = samples.await(1);
   ASSERT_TRUE(first);
   EXPECT_EQ(first->imageBuffer()->format(), platform::PixelFormat::NV12);
+
+  // A smaller screen, as the server tells of it after a RandR change (which
+  // this Xvfb cannot make at run time): the samples follow it.
+  xcb_configure_notify_event_t configure{};
+  configure.response_type = XCB_CONFIGURE_NOTIFY;
+  configure.event = configure.window = root_;
+  configure.width = 200;
+  configure.height = 150;
+  xcb_send_event(painter_, 0, root_, XCB_EVENT_MASK_STRUCTURE_NOTIFY, reinterpret_cast<const char*>(&configure));
+  fill(0, 0, 10, 10, 0xffffff);
+  std::optional<platform::SampleBuffer> resized;
+  for (std::size_t n = 2; (resized = samples.await(n)); ++n) {
+    if (resized->imageBuffer()->width() == 200) break;
+  }
+  ASSERT_TRUE(resized) << "no sample at the new size";
+  EXPECT_EQ(resized->imageBuffer()->height(), 150);
   server_.reset();
   std::unique_lock lock(mutex);
   EXPECT_TRUE(endedCall.wait_for(lock, 20s, [&] { return why.has_value(); }));
