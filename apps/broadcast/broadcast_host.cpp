@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <ostream>
 #include <string>
@@ -54,6 +55,15 @@ std::unique_ptr<ScreenSource> makeScreenSource(const BroadcastOptions& options, 
     case SourceKind::X11:
       return X11ScreenSource::open(options.source.argument, options.pixelFormat, options.orientation,
                                    options.sampleRate, error);
+    case SourceKind::Screen:
+      // The X11 desktop for now, also under Xwayland where both are set.
+      if (!std::getenv("DISPLAY")) {
+        *error = std::getenv("WAYLAND_DISPLAY")
+                     ? "screen: $WAYLAND_DISPLAY is set but Wayland capture is not available yet, and $DISPLAY is not set"
+                     : "screen: neither $WAYLAND_DISPLAY nor $DISPLAY is set: no desktop to capture";
+        return nullptr;
+      }
+      return X11ScreenSource::open("", options.pixelFormat, options.orientation, options.sampleRate, error);
   }
   return nullptr;
 }
