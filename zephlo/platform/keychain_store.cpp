@@ -432,7 +432,8 @@ KeychainStatus KeychainStore::add(const KeychainQuery& attributes, KeychainItem*
 
 KeychainStatus KeychainStore::transaction(const std::function<KeychainStatus()>& body) {
   std::lock_guard lock(mutex_);
-  // A store that cannot be written has nothing to keep together.
+  // A store that cannot be written has nothing to keep together, and a
+  // transaction inside another is part of it.
   if (!db_ || readOnly_ || transactionDepth_ > 0) return body();
   // IMMEDIATE takes the write lock up front: two processes that both read before
   // writing cannot both read the old state.
