@@ -16,7 +16,7 @@
 #include <string>
 
 #include "apps/broadcast/child_process.hpp"
-#include "apps/service/http_call.hpp"
+#include "zephlo/testing/http_call.hpp"
 #include "zephlo/core/json.hpp"
 #include "zephlo/platform/main_queue.hpp"
 #include "zephlo/testing/http_test_server.hpp"
@@ -183,14 +183,14 @@ class ReferenceService : public LocalService {
 
   // One REST call, answered before it returns; a failed one fails the test.
   ValueMap call(const std::string& method, const std::string& target, const std::string& body) {
-    service::HttpCallRequest request;
+    testing::HttpCallRequest request;
     request.port = port_;
     request.method = method;
     request.target = target;
     request.body = body;
     if (!body.empty()) request.headers.emplace_back("Content-Type", "application/json");
-    std::optional<service::HttpResult> result;
-    service::httpCall(std::move(request), [&](service::HttpResult r) { result = std::move(r); });
+    std::optional<testing::HttpResult> result;
+    testing::httpCall(std::move(request), [&](testing::HttpResult r) { result = std::move(r); });
     platform::MainQueue::shared().runUntil([&] { return result.has_value(); }, kLimit);
     if (!result || !result->completed || result->status >= 400) {
       ADD_FAILURE() << method << " " << target << ": " << (result ? result->status : 0) << " "
