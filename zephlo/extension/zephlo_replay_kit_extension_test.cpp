@@ -26,16 +26,12 @@
 
 namespace zephlo {
 
-// Reaches the controller's private parts, for a reply the real service cannot
-// produce and for looking at the frame source.
+// Reaches the controller's private parts, for looking at its session and frame source.
 class ZephloReplayKitExtensionTestPeer {
  public:
   explicit ZephloReplayKitExtensionTestPeer(ZephloReplayKitExtension& controller) : c_(controller) {}
   const std::shared_ptr<ZPHSession>& session() { return c_.session_; }
   const std::shared_ptr<ZPHReplayKitFrameSource>& frameSource() { return c_.frameSource_; }
-  void fullDeviceDidReply(const OptionalError& error, const std::shared_ptr<ZPHSession>& session) {
-    c_.fullDeviceDidReply(error, session);
-  }
 
  private:
   ZephloReplayKitExtension& c_;
@@ -192,12 +188,6 @@ TEST_F(ZephloReplayKitExtensionTest, PendingReplyKeepsTheLoopStoppedAndEnds) {
   startWithReply(200, sessionJson("pending", true));
   EXPECT_FALSE(running());
   expectFinish("Zephlo session wasn't activated yet");
-}
-
-TEST_F(ZephloReplayKitExtensionTest, ReplyWithoutASessionEnds) {
-  startWithReply(200, sessionJson("active", true));
-  peer().fullDeviceDidReply(std::nullopt, nullptr);
-  expectFinish("Zephlo session wasn't found");
 }
 
 TEST_F(ZephloReplayKitExtensionTest, ActiveReplyWithFullDeviceOffEndsAndNeverStartsTheLoop) {
