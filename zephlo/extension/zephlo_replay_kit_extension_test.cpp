@@ -41,7 +41,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using testing::HttpTestServer;
-using testing::WebSocketTestServer;
 using Lines = std::vector<std::string>;
 
 constexpr char kSessionPath[] = "/api/1/sessions/S1";
@@ -253,50 +252,6 @@ TEST_F(ZephloReplayKitExtensionTest, OnlyVideoSamplesReachTheFrameSourceAndLifec
   EXPECT_EQ(log_.lines(), (Lines{"Broadcast paused", "Broadcast resumed", "Broadcast finished"}));
   advance(1s);
   EXPECT_TRUE(finishes_.empty());
-}
-
-// --- Frames on the stream socket ---
-
-class CaptureCounter : public ZPHFrameLoopObserver {
- public:
-  void willCaptureFrame() override { ++captures; }
-  void didCaptureFrame(const FrameImage&) override {}
-  int captures = 0;
-};
-
-class ZephloReplayKitExtensionStreamTest : public ZephloReplayKitExtensionTest {
- protected:
-  std::size_t framesReceived() {
-    const auto maps = streamServer_.receivedMaps();
-    return std::count_if(maps.begin(), maps.end(), [](const ValueMap& m) { return m.get("event") == Value("frame"); });
-  }
-  WebSocketTestServer streamServer_{[] {
-    auto options = WebSocketTestServer::Options::acknowledging();
-    options.bearerToken = "stream-token";
-    return options;
-  }()};
-};
-
-TEST_F(ZephloReplayKitExtensionStreamTest, ChangedSamplesAreSentAndASyncResendsAStillScreen) {
-  startWithReply(200, sessionJson("active", true,
-                                  R"(,"stream_url":")" + streamServer_.url("") + R"(","stream_token":"stream-token")"));
-  const auto& stream = controller_->stream();
-  ASSERT_TRUE(queue().runUntil([&] { return stream->stream() && stream->stream()->isConneced(); }));
-  auto counter = std::make_shared<CaptureCounter>();
-  controller_->frameLoop()->registerFrameLoopObserver(counter);
-
-  controller_->processSampleBuffer(sampleOf(80), platform::kSampleBufferTypeVideo);
-  advance(75ms);
-  EXPECT_EQ(counter->captures, 1);
-  ASSERT_TRUE(queue().runUntil([&] { return framesReceived() == 1 && stream->stream()->messageLag() == 0; }));
-  advance(750ms);  // a still screen: no new sample, so no tick captures anything
-  EXPECT_EQ(counter->captures, 1);
-
-  streamServer_.sendMap(ValueMap{{"event", "sync"}, {"data", Value(ValueMap{})}});
-  ASSERT_TRUE(queue().runUntil([&] { return controller_->frameLoop()->needsUpdate(); }));
-  advance(75ms);
-  EXPECT_EQ(counter->captures, 2);
-  ASSERT_TRUE(queue().runUntil([&] { return framesReceived() == 2; }));
 }
 
 }  // namespace
