@@ -2,11 +2,11 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <ostream>
 
 #include "apps/broadcast/broadcast_stats.hpp"
-#include "apps/broadcast/capture_thread.hpp"
 #include "apps/broadcast/image_folder_source.hpp"
 #include "apps/broadcast/test_pattern_source.hpp"
 #include "apps/broadcast/x11_screen_source.hpp"
@@ -35,12 +35,22 @@ std::unique_ptr<ScreenSource> makeScreenSource(const BroadcastOptions& options, 
   switch (options.source.kind) {
     case SourceKind::TestPattern:
       return std::make_unique<TestPatternSource>(options.pixelFormat, options.sampleWidth(), options.sampleHeight(),
-                                                 options.orientation, localSecondsIntoDay());
+                                                 options.orientation, localSecondsIntoDay(), options.sampleRate);
     case SourceKind::Images:
       return ImageFolderSource::open(options.source.argument, options.pixelFormat, options.sampleWidth(),
-                                     options.sampleHeight(), options.orientation, error);
+                                     options.sampleHeight(), options.orientation, options.sampleRate, error);
     case SourceKind::X11:
-      return X11ScreenSource::open(options.source.argument, options.pixelFormat, options.orientation, error);
+      return X11ScreenSource::open(options.source.argument, options.pixelFormat, options.orientation,
+                                   options.sampleRate, error);
+    case SourceKind::Screen:
+      // The X11 desktop for now, also under Xwayland where both are set.
+      if (!std::getenv("DISPLAY")) {
+        *error = std::getenv("WAYLAND_DISPLAY")
+                     ? "screen: $WAYLAND_DISPLAY is set but Wayland capture is not available yet, and $DISPLAY is not set"
+                     : "screen: neither $WAYLAND_DISPLAY nor $DISPLAY is set: no desktop to capture";
+        return nullptr;
+      }
+      return X11ScreenSource::open("", options.pixelFormat, options.orientation, options.sampleRate, error);
   }
   return nullptr;
 }
@@ -48,7 +58,7 @@ std::unique_ptr<ScreenSource> makeScreenSource(const BroadcastOptions& options, 
 BroadcastHost::BroadcastHost(BroadcastOptions options) : options_(std::move(options)) {}
 
 BroadcastHost::~BroadcastHost() {
-  if (capture_) capture_->stop();
+  if (source_) source_->stop();
   if (stats_) stats_->stop();
 }
 
@@ -67,15 +77,36 @@ std::optional<std::string> BroadcastHost::setUp() {
   std::string error;
   source_ = makeScreenSource(options_, &error);
   if (!source_) return "--source: " + error;
-  // An X11 screen has the size it has; the phone's screen is then that many
-  // pixels at the given scale.
+  // A real screen's size comes with its first sample (see makeSink); until then
+  // the main screen has the given size in points at the screen's scale.
   platform::ScreenBounds screen = options_.screen;
-  if (auto* x11 = dynamic_cast<X11ScreenSource*>(source_.get())) {
-    screen.width = x11->width() / screen.scale;
-    screen.height = x11->height() / screen.scale;
+  if (options_.source.isRealScreen()) {
+    realScreenScale_ = options_.screenGiven ? options_.screen.scale : source_->desktopScale().value_or(1);
+    screen.scale = *realScreenScale_;
   }
   platform::Screen::setMain(screen);
   return std::nullopt;
+}
+
+ScreenSource::Sink BroadcastHost::makeSink() {
+  // The source stops before the extension goes (in `end`, `run` and the destructor).
+  auto* extension = extension_.get();
+  if (!realScreenScale_) {
+    return [extension](const platform::SampleBuffer& sample) {
+      extension->processSampleBuffer(sample, platform::kSampleBufferTypeVideo);
+    };
+  }
+  return [extension, scale = *realScreenScale_, width = 0, height = 0](const platform::SampleBuffer& sample) mutable {
+    const auto& pixels = sample.imageBuffer();
+    if (pixels && (pixels->width() != width || pixels->height() != height)) {
+      width = pixels->width();
+      height = pixels->height();
+      platform::async([bounds = platform::ScreenBounds{width / scale, height / scale, scale}] {
+        platform::Screen::setMain(bounds);
+      });
+    }
+    extension->processSampleBuffer(sample, platform::kSampleBufferTypeVideo);
+  };
 }
 
 int BroadcastHost::run(std::ostream& err) {
@@ -93,17 +124,11 @@ int BroadcastHost::run(std::ostream& err) {
     stats_->startReporting([](const std::string& line) { platform::writeStdout(line); });
   }
 
-  // The capture thread ends before the extension does (in `end` or below).
-  auto* extension = extension_.get();
-  capture_ = std::make_unique<CaptureThread>(std::move(source_), options_.sampleRate,
-                                             [extension](const platform::SampleBuffer& sample) {
-                                               extension->processSampleBuffer(sample, platform::kSampleBufferTypeVideo);
-                                             });
-  capture_->start();
+  source_->start(makeSink(), [this](const std::string& why) { platform::async([this, why] { sourceDidEnd(why); }); });
 
   platform::MainQueue::shared().run();
 
-  capture_->stop();
+  source_->stop();
   if (stats_) stats_->stop();
   extension_.reset();
   return status_.value_or(kExitStopped);
@@ -128,9 +153,16 @@ void BroadcastHost::handleSignal(int signal) {
   }
 }
 
+void BroadcastHost::sourceDidEnd(const std::string& why) {
+  if (!extension_ || status_) return;
+  extension_->broadcastFinished();
+  *err_ << why << std::endl;
+  end(kExitStopped);
+}
+
 void BroadcastHost::broadcastDidFinish(const Error& error) {
   if (status_) return;
-  capture_->stop();
+  source_->stop();
   *err_ << "Broadcast ended: " << error.description << std::endl;
   end(kExitEndedByExtension);
 }
@@ -138,7 +170,7 @@ void BroadcastHost::broadcastDidFinish(const Error& error) {
 void BroadcastHost::end(int status) {
   if (status_) return;
   status_ = status;
-  capture_->stop();
+  source_->stop();
   platform::MainQueue::shared().stop();
 }
 

@@ -43,6 +43,7 @@ std::optional<platform::ScreenBounds> parseScreen(std::string_view text) {
 std::optional<SourceSpec> parseSource(std::string_view text) {
   if (text == "testpattern") return SourceSpec{SourceKind::TestPattern, ""};
   if (text == "x11") return SourceSpec{SourceKind::X11, ""};
+  if (text == "screen") return SourceSpec{SourceKind::Screen, ""};
   if (text.starts_with("x11:") && text.size() > 4) return SourceSpec{SourceKind::X11, std::string(text.substr(4))};
   if (text.starts_with("images:") && text.size() > 7) {
     return SourceSpec{SourceKind::Images, std::string(text.substr(7))};
@@ -59,8 +60,11 @@ std::variant<BroadcastOptions, int> parseBroadcastOptions(int argc, const char* 
   app.add_option("--keychain", keychain,
                  "Keychain database (default: $ZEPHLO_KEYCHAIN, else $XDG_DATA_HOME/zephlo/keychain.db, "
                  "else ~/.local/share/zephlo/keychain.db)");
-  app.add_option("--source", source, "testpattern, images:DIR or x11[:DISPLAY]")->capture_default_str();
-  app.add_option("--screen", screen, "Screen size in points and pixel scale, WxH@S")->capture_default_str();
+  app.add_option("--source", source, "testpattern, images:DIR, x11[:DISPLAY] or screen (the desktop this runs in)")->capture_default_str();
+  auto* screenOption = app.add_option("--screen", screen,
+                                      "Screen size in points and pixel scale, WxH@S; for a real screen only S is "
+                                      "used (default there: the desktop's own scale)")
+                           ->capture_default_str();
   app.add_option("--sample-rate", options.sampleRate, "Samples delivered per second")
       ->capture_default_str()
       ->check(CLI::PositiveNumber);
@@ -80,7 +84,7 @@ std::variant<BroadcastOptions, int> parseBroadcastOptions(int argc, const char* 
 
   auto parsedSource = parseSource(source);
   if (!parsedSource) {
-    err << "--source: expected testpattern, images:DIR or x11[:DISPLAY], got " << source << "\n";
+    err << "--source: expected testpattern, images:DIR, x11[:DISPLAY] or screen, got " << source << "\n";
     return static_cast<int>(CLI::ExitCodes::ValidationError);
   }
   auto parsedScreen = parseScreen(screen);
@@ -90,6 +94,7 @@ std::variant<BroadcastOptions, int> parseBroadcastOptions(int argc, const char* 
   }
   options.source = *parsedSource;
   options.screen = *parsedScreen;
+  options.screenGiven = screenOption->count() > 0;
   if (!bundle.empty()) options.bundlePath = bundle;
   options.keychainPath = keychain.empty() ? platform::KeychainStore::defaultPath() : keychain;
   options.pixelFormat = pixelFormat == "nv12" ? platform::PixelFormat::NV12 : platform::PixelFormat::BGRA;

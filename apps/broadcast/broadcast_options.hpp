@@ -1,7 +1,7 @@
 // BroadcastOptions: zephlo-broadcast's command line, parsed.
 //
 //   zephlo-broadcast [--bundle FILE] [--keychain FILE]
-//                    [--source testpattern|images:DIR|x11[:DISPLAY]] [--screen WxH@S]
+//                    [--source testpattern|images:DIR|x11[:DISPLAY]|screen] [--screen WxH@S]
 //                    [--sample-rate HZ] [--orientation N] [--pixel-format bgra|nv12]
 //                    [--stats] [--log syslog]
 //
@@ -20,13 +20,16 @@
 
 namespace zephlo {
 
-enum class SourceKind { TestPattern, Images, X11 };
+// Screen: the desktop the program runs in.
+enum class SourceKind { TestPattern, Images, X11, Screen };
 
 struct SourceSpec {
   SourceKind kind = SourceKind::TestPattern;
   // The folder of `images:DIR`, the display of `x11:DISPLAY` (empty: $DISPLAY).
   std::string argument;
   bool operator==(const SourceSpec&) const = default;
+  // A desktop's screen, whose size is its own, rather than a synthetic one.
+  bool isRealScreen() const { return kind == SourceKind::X11 || kind == SourceKind::Screen; }
 };
 
 struct BroadcastOptions {
@@ -34,6 +37,8 @@ struct BroadcastOptions {
   std::string keychainPath;
   SourceSpec source;
   platform::ScreenBounds screen{390, 844, 3};
+  // Whether --screen was given: its scale then overrides a real screen's own.
+  bool screenGiven = false;
   double sampleRate = 30;
   std::int64_t orientation = 1;
   platform::PixelFormat pixelFormat = platform::PixelFormat::BGRA;
@@ -47,7 +52,7 @@ struct BroadcastOptions {
 
 // "390x844@3": width and height in points, then the pixel scale (all positive).
 std::optional<platform::ScreenBounds> parseScreen(std::string_view text);
-// "testpattern", "images:DIR" (DIR not empty), "x11" or "x11:DISPLAY".
+// "testpattern", "images:DIR" (DIR not empty), "x11", "x11:DISPLAY" or "screen".
 std::optional<SourceSpec> parseSource(std::string_view text);
 
 // The options, or the exit status when the command line says to stop here

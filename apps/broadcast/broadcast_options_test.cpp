@@ -36,7 +36,7 @@ TEST(BroadcastOptionsTest, DefaultsAreAPhoneSizedTestPatternAt30HzAndTheEnvironm
   EXPECT_EQ(o.sampleRate, 30);
   EXPECT_EQ(o.orientation, 1);
   EXPECT_EQ(o.pixelFormat, platform::PixelFormat::BGRA);
-  EXPECT_FALSE(o.stats || o.syslog || o.bundlePath);
+  EXPECT_FALSE(o.stats || o.syslog || o.bundlePath || o.screenGiven);
   EXPECT_EQ(o.keychainPath, "/tmp/from-env.db");
 }
 
@@ -51,13 +51,14 @@ TEST(BroadcastOptionsTest, EveryOptionIsTaken) {
   EXPECT_EQ(o.sampleRate, 10);
   EXPECT_EQ(o.orientation, 6);
   EXPECT_EQ(o.pixelFormat, platform::PixelFormat::NV12);
-  EXPECT_TRUE(o.stats && o.syslog);
+  EXPECT_TRUE(o.stats && o.syslog && o.screenGiven);
 }
 
 TEST(BroadcastOptionsTest, SourcesAndScreensAreParsed) {
   EXPECT_EQ(parseSource("testpattern"), (SourceSpec{SourceKind::TestPattern, ""}));
   EXPECT_EQ(parseSource("x11"), (SourceSpec{SourceKind::X11, ""}));
   EXPECT_EQ(parseSource("x11::99"), (SourceSpec{SourceKind::X11, ":99"}));
+  EXPECT_EQ(parseSource("screen"), (SourceSpec{SourceKind::Screen, ""}));
   EXPECT_EQ(parseSource("images:a/b"), (SourceSpec{SourceKind::Images, "a/b"}));
   for (const char* bad : {"", "images", "images:", "x11:", "camera", "TestPattern"}) {
     EXPECT_FALSE(parseSource(bad)) << bad;

@@ -44,7 +44,7 @@ struct TjHandle {
 
 std::unique_ptr<ImageFolderSource> ImageFolderSource::open(const std::string& folder, platform::PixelFormat format,
                                                            int width, int height, std::int64_t orientation,
-                                                           std::string* error) {
+                                                           double sampleRate, std::string* error) {
   std::error_code ec;
   std::vector<std::filesystem::path> files;
   for (std::filesystem::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
@@ -60,12 +60,18 @@ std::unique_ptr<ImageFolderSource> ImageFolderSource::open(const std::string& fo
   }
   std::sort(files.begin(), files.end(),
             [](const auto& a, const auto& b) { return a.filename().string() < b.filename().string(); });
-  return std::make_unique<ImageFolderSource>(std::move(files), format, width, height, orientation);
+  return std::make_unique<ImageFolderSource>(std::move(files), format, width, height, orientation, sampleRate);
 }
 
 ImageFolderSource::ImageFolderSource(std::vector<std::filesystem::path> files, platform::PixelFormat format, int width,
-                                     int height, std::int64_t orientation)
-    : files_(std::move(files)), pool_(format, width, height), orientation_(orientation) {}
+                                     int height, std::int64_t orientation, double sampleRate)
+    : files_(std::move(files)), pool_(format, width, height), orientation_(orientation), ticker_(sampleRate) {}
+
+void ImageFolderSource::start(Sink sink, EndHandler) {
+  ticker_.start([this](platform::Duration sinceStart) { return sampleAt(sinceStart); }, std::move(sink));
+}
+
+void ImageFolderSource::stop() { ticker_.stop(); }
 
 std::optional<platform::SampleBuffer> ImageFolderSource::sampleAt(platform::Duration sinceStart) {
   const auto second = static_cast<std::size_t>(std::chrono::duration_cast<std::chrono::seconds>(sinceStart).count());

@@ -5,7 +5,7 @@
 // same buffer is handed over again at every tick, as a phone hands over samples
 // of a still screen. Buffers come from a small pool.
 //
-// Owned by the broadcast host; used on the capture thread.
+// Owned by the broadcast host; samples are made on its ticker's thread.
 #pragma once
 
 #include <cstdint>
@@ -16,17 +16,24 @@
 #include <vector>
 
 #include "apps/broadcast/pixel_buffer_pool.hpp"
+#include "apps/broadcast/sample_ticker.hpp"
 #include "apps/broadcast/screen_source.hpp"
 
 namespace zephlo {
 
 class ImageFolderSource : public ScreenSource {
  public:
-  // Null, with `error` set, when the folder cannot be read or holds no JPEG file.
+  // Delivers `sampleRate` samples a second. Null, with `error` set, when the
+  // folder cannot be read or holds no JPEG file.
   static std::unique_ptr<ImageFolderSource> open(const std::string& folder, platform::PixelFormat format, int width,
-                                                 int height, std::int64_t orientation, std::string* error);
+                                                 int height, std::int64_t orientation, double sampleRate,
+                                                 std::string* error);
 
-  std::optional<platform::SampleBuffer> sampleAt(platform::Duration sinceStart) override;
+  void start(Sink sink, EndHandler ended) override;
+  void stop() override;
+
+  // The sample of the tick at `sinceStart`.
+  std::optional<platform::SampleBuffer> sampleAt(platform::Duration sinceStart);
 
   const std::vector<std::filesystem::path>& files() const { return files_; }
 
@@ -35,7 +42,7 @@ class ImageFolderSource : public ScreenSource {
   static bool decodeInto(const std::vector<std::uint8_t>& data, platform::PixelBuffer& out);
 
   ImageFolderSource(std::vector<std::filesystem::path> files, platform::PixelFormat format, int width, int height,
-                    std::int64_t orientation);
+                    std::int64_t orientation, double sampleRate);
 
  private:
   std::vector<std::filesystem::path> files_;
@@ -43,6 +50,7 @@ class ImageFolderSource : public ScreenSource {
   std::int64_t orientation_;
   std::optional<std::size_t> shownIndex_;
   std::shared_ptr<const platform::PixelBuffer> shown_;
+  SampleTicker ticker_;
 };
 
 }  // namespace zephlo

@@ -60,7 +60,7 @@ TEST_F(ImageFolderSourceTest, ShowsTheJpegsInNameOrderOneASecondThenStartsAgain)
   write("broken.jpg", {0xFF, 0xD8, 0x00, 0x01});  // does not decode: shows black
   write("notes.txt", {1, 2, 3});
   std::string error;
-  auto source = ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 32, 32, 1, &error);
+  auto source = ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 32, 32, 1, 30, &error);
   ASSERT_TRUE(source) << error;
   ASSERT_EQ(source->files().size(), 4u);
 
@@ -76,7 +76,7 @@ TEST_F(ImageFolderSourceTest, APictureIsLetterboxedOnBlackAndKeepsItsBufferWithi
   write("wide.jpg", jpegOf(40, 20, {250, 250, 250}));
   std::string error;
   for (PixelFormat format : {PixelFormat::BGRA, PixelFormat::NV12}) {
-    auto source = ImageFolderSource::open(dir_.string(), format, 100, 100, 8, &error);
+    auto source = ImageFolderSource::open(dir_.string(), format, 100, 100, 8, 30, &error);
     ASSERT_TRUE(source) << error;
     auto sample = source->sampleAt(0ms);
     ASSERT_TRUE(sample);
@@ -93,10 +93,10 @@ TEST_F(ImageFolderSourceTest, APictureIsLetterboxedOnBlackAndKeepsItsBufferWithi
 
 TEST_F(ImageFolderSourceTest, AFolderWithoutJpegsOrMissingIsRefused) {
   std::string error;
-  EXPECT_FALSE(ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 8, 8, 1, &error));
+  EXPECT_FALSE(ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 8, 8, 1, 30, &error));
   EXPECT_NE(error.find("no JPEG"), std::string::npos);
   error.clear();
-  EXPECT_FALSE(ImageFolderSource::open((dir_ / "missing").string(), PixelFormat::BGRA, 8, 8, 1, &error));
+  EXPECT_FALSE(ImageFolderSource::open((dir_ / "missing").string(), PixelFormat::BGRA, 8, 8, 1, 30, &error));
   EXPECT_FALSE(error.empty());
 }
 

@@ -10,8 +10,14 @@
 namespace zephlo {
 
 TestPatternSource::TestPatternSource(platform::PixelFormat format, int width, int height,
-                                     std::int64_t orientation, std::int64_t clockStart)
-    : pool_(format, width, height), orientation_(orientation), clockStart_(clockStart) {}
+                                     std::int64_t orientation, std::int64_t clockStart, double sampleRate)
+    : pool_(format, width, height), orientation_(orientation), clockStart_(clockStart), ticker_(sampleRate) {}
+
+void TestPatternSource::start(Sink sink, EndHandler) {
+  ticker_.start([this](platform::Duration sinceStart) { return sampleAt(sinceStart); }, std::move(sink));
+}
+
+void TestPatternSource::stop() { ticker_.stop(); }
 
 std::optional<platform::SampleBuffer> TestPatternSource::sampleAt(platform::Duration sinceStart) {
   const auto second = std::chrono::duration_cast<std::chrono::seconds>(sinceStart).count();

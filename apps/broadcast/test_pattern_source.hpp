@@ -5,7 +5,8 @@
 // the sample rate, the same buffer again until the next second.
 //
 // The picture of a second is drawn once, into a buffer from a small pool, so no
-// sample allocates. Owned by the broadcast host; used on the capture thread.
+// sample allocates. Owned by the broadcast host; samples are made on its
+// ticker's thread.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +14,7 @@
 #include <optional>
 
 #include "apps/broadcast/pixel_buffer_pool.hpp"
+#include "apps/broadcast/sample_ticker.hpp"
 #include "apps/broadcast/screen_source.hpp"
 
 namespace zephlo {
@@ -20,11 +22,16 @@ namespace zephlo {
 class TestPatternSource : public ScreenSource {
  public:
   // Samples of `width` x `height` pixels in `format`, with `orientation`
-  // attached; the clock starts at `clockStart` seconds into the day.
+  // attached, `sampleRate` a second; the clock starts at `clockStart` seconds
+  // into the day.
   TestPatternSource(platform::PixelFormat format, int width, int height, std::int64_t orientation,
-                    std::int64_t clockStart);
+                    std::int64_t clockStart, double sampleRate);
 
-  std::optional<platform::SampleBuffer> sampleAt(platform::Duration sinceStart) override;
+  void start(Sink sink, EndHandler ended) override;
+  void stop() override;
+
+  // The sample of the tick at `sinceStart`.
+  std::optional<platform::SampleBuffer> sampleAt(platform::Duration sinceStart);
 
   // Draws the screen as it looks at `clockSeconds` into the day.
   static void draw(platform::PixelBuffer& buffer, std::int64_t clockSeconds);
@@ -37,6 +44,7 @@ class TestPatternSource : public ScreenSource {
   std::int64_t clockStart_;
   std::optional<std::int64_t> shownSecond_;
   std::shared_ptr<const platform::PixelBuffer> shown_;
+  SampleTicker ticker_;
 };
 
 }  // namespace zephlo

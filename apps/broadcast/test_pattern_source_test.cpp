@@ -26,7 +26,7 @@ bool sameBytes(const PixelBuffer& a, const PixelBuffer& b) {
 class TestPatternSourceTest : public ::testing::TestWithParam<PixelFormat> {};
 
 TEST_P(TestPatternSourceTest, OneBufferASecondWithItsOrientationAndBuffersAreReused) {
-  TestPatternSource source(GetParam(), 390, 844, 3, 0);
+  TestPatternSource source(GetParam(), 390, 844, 3, 0, 30);
   auto second0 = source.sampleAt(100ms);
   auto again = source.sampleAt(900ms);
   auto second1 = source.sampleAt(1s);

@@ -1,23 +1,23 @@
-#include "apps/broadcast/capture_thread.hpp"
+#include "apps/broadcast/sample_ticker.hpp"
 
 #include <algorithm>
 
 namespace zephlo {
 
-CaptureThread::CaptureThread(std::unique_ptr<ScreenSource> source, double sampleRate, Sink sink)
-    : source_(std::move(source)),
-      interval_(std::chrono::nanoseconds(static_cast<std::int64_t>(1e9 / std::max(sampleRate, 0.001)))),
-      sink_(std::move(sink)) {}
+SampleTicker::SampleTicker(double sampleRate)
+    : interval_(std::chrono::nanoseconds(static_cast<std::int64_t>(1e9 / std::max(sampleRate, 0.001)))) {}
 
-CaptureThread::~CaptureThread() { stop(); }
+SampleTicker::~SampleTicker() { stop(); }
 
-void CaptureThread::start() {
+void SampleTicker::start(Poll poll, ScreenSource::Sink sink) {
   if (thread_.joinable()) return;
+  poll_ = std::move(poll);
+  sink_ = std::move(sink);
   stopping_ = false;
   thread_ = std::thread([this] { run(); });
 }
 
-void CaptureThread::stop() {
+void SampleTicker::stop() {
   {
     std::lock_guard lock(mutex_);
     stopping_ = true;
@@ -26,14 +26,14 @@ void CaptureThread::stop() {
   if (thread_.joinable()) thread_.join();
 }
 
-void CaptureThread::run() {
+void SampleTicker::run() {
   const auto begin = std::chrono::steady_clock::now();
   auto next = begin;
   std::unique_lock lock(mutex_);
   while (!stopping_) {
     lock.unlock();
     const auto now = std::chrono::steady_clock::now();
-    if (auto sample = source_->sampleAt(now - begin)) sink_(*sample);
+    if (auto sample = poll_(now - begin)) sink_(*sample);
     // The next tick on the grid that is still ahead.
     next += interval_;
     const auto after = std::chrono::steady_clock::now();
