@@ -31,7 +31,7 @@
 #include <string_view>
 #include <vector>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 struct sqlite3;
 

@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 #include "zephlo/testing/test_certificates.hpp"
 
 namespace zephlo::testing {
