@@ -95,7 +95,11 @@ class BandSums {
       for (std::size_t i = 0; i < samples; ++i) columns[i] = static_cast<std::uint16_t>(columns[i] + row[i]);
     }
     const int wholeBlocks = width / k;
-    if (k == 2) {
+    // k is 1 for shrinks under 2 * kLanczosReduction, a 1920x1080 screen to half
+    // size among them: the channels are only split apart then.
+    if (k == 1) {
+      sumBlocks<1>(0, wholeBlocks);
+    } else if (k == 2) {
       sumBlocks<2>(0, wholeBlocks);
     } else if (k == 3) {
       sumBlocks<3>(0, wholeBlocks);
