@@ -59,16 +59,15 @@ bool hasExtension(xcb_connection_t* connection, xcb_extension_t* extension) {
 }
 
 // Copies `rect`'s rows from `from` (rows of rect.width * 4 bytes) into the
-// screen copy `to`, making the pixels opaque: the server leaves the fourth byte
-// undefined.
+// screen copy `to`. The fourth byte stays as the server left it (undefined at
+// depth 24): nothing downstream reads it.
 template <typename Rect>
-void copyOpaque(const std::uint8_t* from, std::uint8_t* to, int screenWidth, const Rect& rect) {
+void copyRect(const std::uint8_t* from, std::uint8_t* to, int screenWidth, const Rect& rect) {
   const std::size_t rowBytes = static_cast<std::size_t>(rect.width) * 4;
   for (int y = 0; y < rect.height; ++y) {
     std::uint8_t* row = to + (static_cast<std::size_t>(rect.y + y) * screenWidth + rect.x) * 4;
     // The whole screen through MIT-SHM is fetched in place already.
     if (row != from + y * rowBytes) std::memcpy(row, from + y * rowBytes, rowBytes);
-    for (std::size_t x = 3; x < rowBytes; x += 4) row[x] = 255;
   }
 }
 
@@ -325,7 +324,7 @@ void X11ScreenSource::fetchRects(std::vector<Rect> rects) {
     for (std::size_t i = 0; i < rects.size(); ++i) {
       auto reply = own(xcb_shm_get_image_reply(connection_, cookies[i], nullptr));
       if (!reply) continue;
-      copyOpaque(shm_ + offsets[i], mirror_, width_, rects[i]);
+      copyRect(shm_ + offsets[i], mirror_, width_, rects[i]);
     }
     return;
   }
@@ -338,7 +337,7 @@ void X11ScreenSource::fetchRects(std::vector<Rect> rects) {
   for (std::size_t i = 0; i < rects.size(); ++i) {
     auto reply = own(xcb_get_image_reply(connection_, cookies[i], nullptr));
     if (!reply || xcb_get_image_data_length(reply.get()) < rects[i].width * rects[i].height * 4) continue;
-    copyOpaque(xcb_get_image_data(reply.get()), mirror_, width_, rects[i]);
+    copyRect(xcb_get_image_data(reply.get()), mirror_, width_, rects[i]);
   }
 }
 

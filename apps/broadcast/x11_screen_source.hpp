@@ -88,7 +88,7 @@ class X11ScreenSource : public ScreenSource {
 
   int width_ = 0;
   int height_ = 0;
-  // The screen as last fetched, BGRA rows of width_ * 4 bytes, opaque: the
+  // The screen as last fetched, BGRA rows of width_ * 4 bytes: the
   // start of the MIT-SHM segment (after it, room for the damaged rectangles),
   // else `ownMirror_`.
   std::uint8_t* mirror_ = nullptr;
