@@ -30,13 +30,19 @@ Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
   return Canvas(const_cast<platform::PixelBuffer&>(*sample.imageBuffer())).at(x, y);
 }
 
-// The samples a started source delivers, as they arrive.
+// Copies of the samples a started source delivers, as they arrive: the source's
+// buffers go back to it, as the frame source lets them go.
 class Samples {
  public:
   ScreenSource::Sink sink() {
     return [this](const platform::SampleBuffer& sample) {
+      const auto& in = *sample.imageBuffer();
+      auto copy = platform::PixelBuffer::create(in.format(), in.width(), in.height());
+      for (int p = 0; p < in.planeCount(); ++p) {
+        std::memcpy(copy->mutablePlane(p), in.plane(p), static_cast<std::size_t>(in.stride(p)) * in.planeHeight(p));
+      }
       std::lock_guard lock(mutex_);
-      samples_.push_back(sample);
+      samples_.emplace_back(std::move(copy), sample.orientationAttachment());
       arrived_.notify_all();
     };
   }
