@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 
 #include "apps/broadcast/broadcast_host.hpp"
@@ -64,8 +65,9 @@ class Samples {
 };
 
 // An Xvfb server on a free display number, with a black root window and the
-// extensions the parameter leaves out disabled, and a connection of its own
-// to draw on the root window with.
+// extensions the parameter leaves out disabled (or its screen in a file of a
+// directory of its own, for "-fbdir"), and a connection of its own to draw on
+// the root window with.
 class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::string>> {
  protected:
   void SetUp() override {
@@ -74,6 +76,11 @@ class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::str
     // Xvfb prints the display number it picked on stdout (-displayfd 1).
     std::vector<std::string> args{"-displayfd", "1", "-screen", "0", "320x240x24", "-nolisten", "tcp", "-br"};
     args.insert(args.end(), GetParam().begin(), GetParam().end());
+    if (args.back() == "-fbdir") {
+      char dir[] = "/tmp/zephlo-xvfb-XXXXXX";
+      ASSERT_TRUE(::mkdtemp(dir));
+      args.push_back(fbdir_ = dir);
+    }
     server_ = std::make_unique<testing::ChildProcess>(xvfb, args);
     ASSERT_TRUE(server_->waitForStdout([](const std::string& line) { return !line.empty(); }));
     display_ = ":" + server_->stdoutLines().front();
@@ -83,6 +90,7 @@ class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::str
   }
   void TearDown() override {
     if (painter_) xcb_disconnect(painter_);
+    if (!fbdir_.empty()) std::filesystem::remove_all(fbdir_);
   }
 
   void fill(int x, int y, int width, int height, std::uint32_t rgb) {
@@ -97,6 +105,7 @@ class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::str
 
   std::unique_ptr<testing::ChildProcess> server_;
   std::string display_;
+  std::string fbdir_;
   xcb_connection_t* painter_ = nullptr;
   xcb_window_t root_ = 0;
 };
@@ -224,6 +233,44 @@ TEST_P(X11DesktopTest, TakesTheScaleFromXftDpiFollowsTheSizeAndEndsWhenTheDispla
 }
 
 INSTANTIATE_TEST_SUITE_P(Default, X11DesktopTest, ::testing::Values(std::vector<std::string>{}));
+
+class X11MissedDamageTest : public X11ScreenSourceTest {};
+
+// A change the server reports no damage for (written straight into its screen
+// file here) still reaches the samples.
+TEST_P(X11MissedDamageTest, AChangeWithoutDamageStillArrives) {
+  std::string error;
+  auto source = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 1, 30, &error);
+  ASSERT_TRUE(source) << error;
+  ASSERT_EQ(source->method(), "DAMAGE with MIT-SHM");
+  Samples samples;
+  source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
+  ASSERT_TRUE(samples.await(1));
+
+  // The file is an XWD dump: big-endian header words, then the colour map, then the rows.
+  std::fstream file(fbdir_ + "/Xvfb_screen0", std::ios::binary | std::ios::in | std::ios::out);
+  const auto word = [&](int at) {
+    unsigned char bytes[4] = {};
+    file.seekg(at);
+    file.read(reinterpret_cast<char*>(bytes), 4);
+    return (std::streamoff{bytes[0]} << 24) | (bytes[1] << 16) | (bytes[2] << 8) | bytes[3];
+  };
+  const std::streamoff pixels = word(0) + word(0x4c) * 12, rowBytes = word(0x30);
+  const std::string red = std::string("\0\0\xff\0", 4);
+  for (int y = 200; y < 210; ++y) {
+    file.seekp(pixels + y * rowBytes + 150 * 4);
+    for (int x = 0; x < 10; ++x) file.write(red.data(), 4);
+  }
+  file.flush();
+  std::optional<platform::SampleBuffer> healed;
+  for (std::size_t n = 2; (healed = samples.await(n, 10s)); ++n) {
+    if (colourAt(*healed, 155, 205) == Rgb{255, 0, 0}) break;
+  }
+  EXPECT_TRUE(healed) << "the change never arrived";
+}
+
+INSTANTIATE_TEST_SUITE_P(FramebufferFile, X11MissedDamageTest,
+                         ::testing::Values(std::vector<std::string>{"-fbdir"}));
 
 TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefusedAndScreenNeedsADesktop) {
   std::string error;
