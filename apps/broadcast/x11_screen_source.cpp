@@ -68,16 +68,17 @@ bool hasExtension(xcb_connection_t* connection, xcb_extension_t* extension) {
   return data && data->present;
 }
 
-// Copies `rect`'s rows from `from` (rows of rect.width * 4 bytes) into the
-// screen copy `to`. The fourth byte stays as the server left it (undefined at
-// depth 24): nothing downstream reads it.
+// Copies `rect`'s rows from `from` (`fromStride` bytes apart) to the same place
+// in `to` (a screen with rows `toStride` bytes apart). The fourth byte stays as
+// the server left it (undefined at depth 24): nothing downstream reads it.
 template <typename Rect>
-void copyRect(const std::uint8_t* from, std::uint8_t* to, int screenWidth, const Rect& rect) {
+void copyRect(const std::uint8_t* from, std::size_t fromStride, const Rect& rect, std::uint8_t* to,
+              std::size_t toStride) {
   const std::size_t rowBytes = static_cast<std::size_t>(rect.width) * 4;
   for (int y = 0; y < rect.height; ++y) {
-    std::uint8_t* row = to + (static_cast<std::size_t>(rect.y + y) * screenWidth + rect.x) * 4;
+    std::uint8_t* row = to + (rect.y + y) * toStride + static_cast<std::size_t>(rect.x) * 4;
     // The whole screen through MIT-SHM is fetched in place already.
-    if (row != from + y * rowBytes) std::memcpy(row, from + y * rowBytes, rowBytes);
+    if (row != from + y * fromStride) std::memcpy(row, from + y * fromStride, rowBytes);
   }
 }
 
@@ -184,6 +185,8 @@ void X11ScreenSource::allocate(int width, int height) {
   pool_ = std::make_unique<PixelBufferPool>(format_, width, height, kPoolBuffers);
   wholeScreenDue_ = damaged_ = true;
   checkedRow_ = 0;
+  stale_.clear();
+  changed_ = {};
 
   const std::size_t screenBytes = static_cast<std::size_t>(width) * height * 4;
   if (useShm_) {
@@ -322,7 +325,10 @@ void X11ScreenSource::fetchRects(std::vector<Rect> rects) {
   for (const auto& rect : rects) area += static_cast<std::int64_t>(rect.width) * rect.height;
   // Many or large rectangles: one request for the whole screen costs less.
   if (rects.size() > 32 || 2 * area > screenArea) rects = {{0, 0, width_, height_}};
-  fetch(rects, [this](const Rect& rect, const std::uint8_t* pixels) { copyRect(pixels, mirror_, width_, rect); });
+  fetch(rects, [this](const Rect& rect, const std::uint8_t* pixels) {
+    copyRect(pixels, static_cast<std::size_t>(rect.width) * 4, rect, mirror_, static_cast<std::size_t>(width_) * 4);
+    changed_.add(rect, width_, height_);
+  });
 }
 
 bool X11ScreenSource::checkBand() {
@@ -336,6 +342,7 @@ bool X11ScreenSource::checkBand() {
     std::uint8_t* copy = mirror_ + static_cast<std::size_t>(rect.y) * width_ * 4;
     if (std::memcmp(copy, pixels, bytes) != 0) {
       std::memcpy(copy, pixels, bytes);
+      changed_.add(rect, width_, height_);
       changed = true;
     }
   });
@@ -380,14 +387,40 @@ void X11ScreenSource::fetch(const std::vector<Rect>& rects,
   }
 }
 
+void X11ScreenSource::Changes::add(const Rect& rect, int width, int height) {
+  if (whole) return;
+  rects.push_back(rect);
+  whole = (rect.width == width && rect.height == height) || rects.size() > 64;
+  if (whole) rects.clear();
+}
+
+void X11ScreenSource::Changes::add(const Changes& more, int width, int height) {
+  if (more.whole) *this = more;
+  for (const auto& rect : more.rects) add(rect, width, height);
+}
+
 bool X11ScreenSource::deliver() {
   auto buffer = pool_->acquire();
   if (!buffer) return false;
   if (buffer->format() == platform::PixelFormat::BGRA) {
-    copyBgra(mirror_, width_ * 4, width_, height_, *buffer);
+    // A reused buffer lacks only what changed since it last held the screen.
+    auto [entry, isNew] = stale_.try_emplace(buffer.get());
+    auto& lacks = entry->second;
+    lacks.whole = lacks.whole || isNew;
+    lacks.add(changed_, width_, height_);
+    for (auto& [other, otherLacks] : stale_) {
+      if (other != buffer.get()) otherLacks.add(changed_, width_, height_);
+    }
+    const std::vector<Rect> whole{{0, 0, width_, height_}};
+    for (const auto& rect : lacks.whole ? whole : lacks.rects) {
+      copyRect(mirror_ + (static_cast<std::size_t>(rect.y) * width_ + rect.x) * 4, width_ * 4, rect,
+               buffer->mutablePlane(0), buffer->stride(0));
+    }
+    lacks = {};
   } else {
     convertBgraToNv12(mirror_, width_ * 4, width_, height_, *buffer);
   }
+  changed_ = {};
   sink_(platform::SampleBuffer(std::move(buffer), orientation_));
   return true;
 }

@@ -23,6 +23,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -59,6 +60,13 @@ class X11ScreenSource : public ScreenSource {
  private:
   struct Rect {
     int x, y, width, height;
+  };
+  // Parts of the screen changed: rectangles, or all of it.
+  struct Changes {
+    std::vector<Rect> rects;
+    bool whole = false;
+    void add(const Rect& rect, int width, int height);
+    void add(const Changes& more, int width, int height);
   };
 
   X11ScreenSource(xcb_connection_t* connection, std::uint32_t root, platform::PixelFormat format,
@@ -111,6 +119,10 @@ class X11ScreenSource : public ScreenSource {
   bool damaged_ = true;
   int checkedRow_ = 0;  // the first row of the band checkBand reads next
   std::unique_ptr<PixelBufferPool> pool_;
+  // What changed in the screen copy since the last sample, and (BGRA) what each
+  // pooled buffer lacks of it; a buffer not listed yet lacks everything.
+  Changes changed_;
+  std::map<const platform::PixelBuffer*, Changes> stale_;
 
   Sink sink_;
   EndHandler ended_;

@@ -31,8 +31,8 @@ Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
   return Canvas(const_cast<platform::PixelBuffer&>(*sample.imageBuffer())).at(x, y);
 }
 
-// Copies of the samples a started source delivers, as they arrive: the source's
-// buffers go back to it, as the frame source lets them go.
+// Copies of the samples a started source delivers, as they arrive. Like the
+// frame source, it holds the newest sample itself and lets the older go.
 class Samples {
  public:
   ScreenSource::Sink sink() {
@@ -43,6 +43,7 @@ class Samples {
         std::memcpy(copy->mutablePlane(p), in.plane(p), static_cast<std::size_t>(in.stride(p)) * in.planeHeight(p));
       }
       std::lock_guard lock(mutex_);
+      newest_ = sample;
       samples_.emplace_back(std::move(copy), sample.orientationAttachment());
       arrived_.notify_all();
     };
@@ -62,6 +63,7 @@ class Samples {
   std::mutex mutex_;
   std::condition_variable arrived_;
   std::vector<platform::SampleBuffer> samples_;
+  platform::SampleBuffer newest_;
 };
 
 // An Xvfb server on a free display number, with a black root window and the
@@ -168,6 +170,7 @@ TEST_P(X11ScreenSourceTest, DeliversTheScreenAndWhatIsDrawnOnIt) {
     if (colourAt(*shown, 230, 50) == Rgb{0, 255, 0}) break;
   }
   ASSERT_TRUE(shown) << "the window never showed";
+  EXPECT_EQ(colourAt(*shown, 110, 85), (Rgb{255, 0, 0})) << "a reused buffer lost an earlier change";
   source->stop();
   const auto atStop = samples.count();
   source->stop();
