@@ -250,19 +250,17 @@ TEST_P(X11MissedDamageTest, AChangeWithoutDamageStillArrives) {
   source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
   ASSERT_TRUE(samples.await(1));
 
-  // The file is an XWD dump: big-endian header words, then the colour map, then the rows.
+  // An XWD dump: big-endian header words, then the colour map, then the rows.
   std::fstream file(fbdir_ + "/Xvfb_screen0", std::ios::binary | std::ios::in | std::ios::out);
+  unsigned char header[0x50] = {};
+  file.read(reinterpret_cast<char*>(header), sizeof header);
   const auto word = [&](int at) {
-    unsigned char bytes[4] = {};
-    file.seekg(at);
-    file.read(reinterpret_cast<char*>(bytes), 4);
-    return (std::streamoff{bytes[0]} << 24) | (bytes[1] << 16) | (bytes[2] << 8) | bytes[3];
+    return std::streamoff{header[at]} << 24 | header[at + 1] << 16 | header[at + 2] << 8 | header[at + 3];
   };
   const std::streamoff pixels = word(0) + word(0x4c) * 12, rowBytes = word(0x30);
-  const std::string red = std::string("\0\0\xff\0", 4);
   for (int y = 200; y < 210; ++y) {
     file.seekp(pixels + y * rowBytes + 150 * 4);
-    for (int x = 0; x < 10; ++x) file.write(red.data(), 4);
+    for (int x = 0; x < 10; ++x) file.write("\0\0\xff\0", 4);  // red, in BGRA
   }
   file.flush();
   std::optional<platform::SampleBuffer> healed;
