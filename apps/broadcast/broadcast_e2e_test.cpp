@@ -17,7 +17,7 @@
 #include <string>
 
 #include "apps/broadcast/child_process.hpp"
-#include "apps/service/http_call.hpp"
+#include "zephlo/testing/http_call.hpp"
 #include "zephlo/core/json.hpp"
 #include "zephlo/platform/main_queue.hpp"
 #include "zephlo/testing/http_test_server.hpp"
@@ -210,16 +210,16 @@ class ReferenceService : public LocalService {
     const Value answer = json::parse(result->body).value_or(Value());
     return answer.asMap() ? *answer.asMap() : ValueMap{};
   }
-  std::optional<service::HttpResult> fetch(const std::string& method, const std::string& target,
+  std::optional<testing::HttpResult> fetch(const std::string& method, const std::string& target,
                                            const std::string& body) {
-    service::HttpCallRequest request;
+    testing::HttpCallRequest request;
     request.port = port_;
     request.method = method;
     request.target = target;
     request.body = body;
     if (!body.empty()) request.headers.emplace_back("Content-Type", "application/json");
-    std::optional<service::HttpResult> result;
-    service::httpCall(std::move(request), [&](service::HttpResult r) { result = std::move(r); });
+    std::optional<testing::HttpResult> result;
+    testing::httpCall(std::move(request), [&](testing::HttpResult r) { result = std::move(r); });
     platform::MainQueue::shared().runUntil([&] { return result.has_value(); }, kLimit);
     return result;
   }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/read.hpp>
 #include <boost/asio/write.hpp>
@@ -10,18 +11,22 @@
 #include <memory>
 #include <vector>
 
-#include "apps/service/frame_pattern.hpp"
-#include "apps/service/http_call.hpp"
-#include "apps/service/load_run.hpp"
+#include "apps/service_load/frame_pattern.hpp"
+#include "zephlo/testing/http_call.hpp"
+#include "apps/service_load/load_run.hpp"
 #include "apps/service/value_fields.hpp"
-#include "apps/service/wire_client.hpp"
+#include "zephlo/testing/wire_client.hpp"
 #include "zephlo/core/json.hpp"
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/platform/main_queue_internal.hpp"
 #include "zephlo/socket/cbor_codec.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo::service {
+
+using testing::HttpCallRequest;
+using testing::HttpResult;
+using testing::WireClient;
+using testing::httpCall;
 namespace {
 
 using namespace std::chrono_literals;

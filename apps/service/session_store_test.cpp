@@ -7,7 +7,7 @@
 
 #include "zephlo/core/json.hpp"
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo::service {
 namespace {

@@ -21,7 +21,7 @@
 #include "zephlo/capture/frame_source.hpp"
 #include "zephlo/platform/bitmap.hpp"
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

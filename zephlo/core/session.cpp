@@ -4,9 +4,9 @@
 #include <utility>
 
 #include "zephlo/core/device.hpp"
-#include "zephlo/extension/device_info.hpp"
+#include "zephlo/core/device_info.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo {
 

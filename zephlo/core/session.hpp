@@ -25,10 +25,10 @@
 #include <vector>
 
 #include "zephlo/core/agent.hpp"
-#include "zephlo/core/error.hpp"
+#include "zephlo/base/error.hpp"
 #include "zephlo/core/rest_resource.hpp"
 #include "zephlo/events/redaction_selector.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

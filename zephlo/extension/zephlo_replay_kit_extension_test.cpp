@@ -14,7 +14,7 @@
 #include "zephlo/core/keychain.hpp"
 #include "zephlo/core/request.hpp"
 #include "zephlo/core/rest_resource.hpp"
-#include "zephlo/extension/device_info.hpp"
+#include "zephlo/core/device_info.hpp"
 #include "zephlo/platform/bundle.hpp"
 #include "zephlo/platform/keychain_store.hpp"
 #include "zephlo/platform/screen.hpp"

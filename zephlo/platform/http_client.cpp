@@ -11,13 +11,13 @@
 #include <mutex>
 #include <thread>
 
-#include "zephlo/platform/fatal_error.hpp"
+#include "zephlo/base/fatal_error.hpp"
 
 namespace zephlo::platform {
 
 namespace {
 
-// The phone platform's URL-loading codes (mirrored in zephlo/core/error.hpp).
+// The phone platform's URL-loading codes (mirrored in zephlo/base/error.hpp).
 constexpr std::int64_t kUnknown = -1;
 constexpr std::int64_t kBadURL = -1000;
 constexpr std::int64_t kTimedOut = -1001;

@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <utility>
 
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
@@ -16,7 +17,6 @@
 #include <boost/beast/websocket/ssl.hpp>
 
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/platform/main_queue_internal.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 
 namespace zephlo::platform {

@@ -25,7 +25,7 @@
 #include <string_view>
 
 #include "zephlo/platform/url_request.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::platform {
 

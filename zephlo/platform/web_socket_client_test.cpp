@@ -8,7 +8,6 @@
 #include <fstream>
 #include <iterator>
 
-#include "zephlo/socket/cbor_codec.hpp"
 #include "zephlo/testing/main_queue_fixture.hpp"
 #include "zephlo/testing/refusing_port.hpp"
 #include "zephlo/testing/web_socket_test_server.hpp"
@@ -263,7 +262,7 @@ TEST_F(WebSocketClientTest, SecureConnectionsTrustOnlyVerifiedPeersForTheirHost)
     if (c.connects) {
       EXPECT_EQ(local.upgrades().back().serverName, c.serverName);
       const auto before = local.received().size();
-      client->write(cbor::encode(Value(ValueMap{{"id", 1u}})).value());
+      client->write(Bytes{0xa1, 0x62, 'i', 'd', 0x01});  // CBOR {"id": 1}
       ASSERT_TRUE(until([&] { return local.received().size() > before; }));
     } else {
       EXPECT_TRUE(events_.error.has_value());

@@ -5,12 +5,12 @@
 #include <random>
 #include <utility>
 
-#include "zephlo/platform/fatal_error.hpp"
+#include "zephlo/base/fatal_error.hpp"
 #include "zephlo/platform/log.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 #include "zephlo/platform/web_socket_client.hpp"
 #include "zephlo/socket/cbor_codec.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo {
 

@@ -26,7 +26,7 @@
 
 #include "zephlo/platform/main_queue.hpp"
 #include "zephlo/platform/url_request.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

@@ -10,7 +10,7 @@
 #include "zephlo/platform/log.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 #include "zephlo/socket/cbor_codec.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo {
 

@@ -34,7 +34,7 @@
 #include "zephlo/events/laser.hpp"
 #include "zephlo/events/touch_event.hpp"
 #include "zephlo/socket/cbor_socket.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 
