@@ -120,7 +120,7 @@ int BroadcastHost::run(std::ostream& err) {
   extension_->setFinishHandler([this](const Error& error) { broadcastDidFinish(error); });
   extension_->broadcastStarted({});
   if (options_.stats) {
-    stats_ = BroadcastStats::attach(extension_->frameLoop(), extension_->stream());
+    stats_ = BroadcastStats::attach(extension_->stream());
     stats_->startReporting([](const std::string& line) { platform::writeStdout(line); });
   }
 
