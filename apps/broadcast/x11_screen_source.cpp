@@ -14,6 +14,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string_view>
 
 #include "apps/broadcast/pixel_conversion.hpp"
@@ -22,6 +23,15 @@
 namespace zephlo {
 
 namespace {
+
+// Two buffers: the one the frame source holds and the one being filled. When the
+// renderer still reads the older one, the sample waits for the next tick.
+constexpr std::size_t kPoolBuffers = 2;
+// DAMAGE can miss changes (GL drivers, compositors): every kCheckInterval one
+// of kCheckBands bands of the screen is read and compared with the copy, so a
+// missed change shows within kCheckBands * kCheckInterval.
+constexpr std::chrono::milliseconds kCheckInterval{250};
+constexpr int kCheckBands = 8;
 
 // Replies and events from xcb are malloc'd.
 template <typename T>
@@ -58,17 +68,17 @@ bool hasExtension(xcb_connection_t* connection, xcb_extension_t* extension) {
   return data && data->present;
 }
 
-// Copies `rect`'s rows from `from` (rows of rect.width * 4 bytes) into the
-// screen copy `to`, making the pixels opaque: the server leaves the fourth byte
-// undefined.
+// Copies `rect`'s rows from `from` (`fromStride` bytes apart) to the same place
+// in `to` (a screen with rows `toStride` bytes apart). The fourth byte stays as
+// the server left it (undefined at depth 24): nothing downstream reads it.
 template <typename Rect>
-void copyOpaque(const std::uint8_t* from, std::uint8_t* to, int screenWidth, const Rect& rect) {
+void copyRect(const std::uint8_t* from, std::size_t fromStride, const Rect& rect, std::uint8_t* to,
+              std::size_t toStride) {
   const std::size_t rowBytes = static_cast<std::size_t>(rect.width) * 4;
   for (int y = 0; y < rect.height; ++y) {
-    std::uint8_t* row = to + (static_cast<std::size_t>(rect.y + y) * screenWidth + rect.x) * 4;
+    std::uint8_t* row = to + (rect.y + y) * toStride + static_cast<std::size_t>(rect.x) * 4;
     // The whole screen through MIT-SHM is fetched in place already.
-    if (row != from + y * rowBytes) std::memcpy(row, from + y * rowBytes, rowBytes);
-    for (std::size_t x = 3; x < rowBytes; x += 4) row[x] = 255;
+    if (row != from + y * fromStride) std::memcpy(row, from + y * fromStride, rowBytes);
   }
 }
 
@@ -172,8 +182,11 @@ void X11ScreenSource::allocate(int width, int height) {
   ownMirror_.shrink_to_fit();
   last_.clear();
   last_.shrink_to_fit();
-  pool_ = std::make_unique<PixelBufferPool>(format_, width, height);
+  pool_ = std::make_unique<PixelBufferPool>(format_, width, height, kPoolBuffers);
   wholeScreenDue_ = damaged_ = true;
+  checkedRow_ = 0;
+  stale_.clear();
+  changed_ = {};
 
   const std::size_t screenBytes = static_cast<std::size_t>(width) * height * 4;
   if (useShm_) {
@@ -223,6 +236,8 @@ void X11ScreenSource::stop() {
 void X11ScreenSource::run() {
   using Clock = std::chrono::steady_clock;
   auto nextAllowed = Clock::now();
+  auto nextCheck = nextAllowed + kCheckInterval;
+  bool sampleDue = false;  // the screen changed since the last sample delivered
   while (!stopping_) {
     // Events read while waiting for a reply are queued already, with nothing
     // left to read on the socket: take them before polling it.
@@ -231,17 +246,25 @@ void X11ScreenSource::run() {
       if (ended_) ended_("The X11 display went away");
       return;
     }
-    const bool due = damaged_ || !damage_;
     auto now = Clock::now();
-    if (due && now >= nextAllowed) {
-      if (capture()) deliver();
+    if (damage_ && now >= nextCheck) {
+      if (checkBand()) sampleDue = true;
+      nextCheck = now + kCheckInterval;
+    }
+    const bool fetchDue = damaged_ || !damage_;
+    if ((fetchDue || sampleDue) && now >= nextAllowed) {
+      if (fetchDue && capture()) sampleDue = true;
+      if (sampleDue) sampleDue = !deliver();
       nextAllowed = now + interval_;
       continue;
     }
-    int timeout = -1;  // nothing to do until the screen changes
-    if (due) {
-      timeout = static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(nextAllowed - now).count());
-    }
+    auto wakeAt = Clock::time_point::max();  // nothing to do until the screen changes
+    if (fetchDue || sampleDue) wakeAt = nextAllowed;
+    if (damage_) wakeAt = std::min(wakeAt, nextCheck);
+    const int timeout =
+        wakeAt == Clock::time_point::max()
+            ? -1
+            : static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(wakeAt - now).count());
     pollfd fds[2] = {{xcb_get_file_descriptor(connection_), POLLIN, 0}, {wakeFd_, POLLIN, 0}};
     ::poll(fds, 2, timeout);
   }
@@ -301,31 +324,53 @@ void X11ScreenSource::fetchRects(std::vector<Rect> rects) {
   std::int64_t area = 0;
   for (const auto& rect : rects) area += static_cast<std::int64_t>(rect.width) * rect.height;
   // Many or large rectangles: one request for the whole screen costs less.
-  if (rects.size() > 32 || 2 * area > screenArea) {
-    rects = {{0, 0, width_, height_}};
-    area = screenArea;
-  }
-  const bool whole = area == screenArea;
+  if (rects.size() > 32 || 2 * area > screenArea) rects = {{0, 0, width_, height_}};
+  fetch(rects, [this](const Rect& rect, const std::uint8_t* pixels) {
+    copyRect(pixels, static_cast<std::size_t>(rect.width) * 4, rect, mirror_, static_cast<std::size_t>(width_) * 4);
+    changed_.add(rect, width_, height_);
+  });
+}
 
+bool X11ScreenSource::checkBand() {
+  const int rows = (height_ + kCheckBands - 1) / kCheckBands;
+  if (checkedRow_ >= height_) checkedRow_ = 0;
+  const Rect band{0, checkedRow_, width_, std::min(rows, height_ - checkedRow_)};
+  checkedRow_ += rows;
+  bool changed = false;
+  fetch({band}, [&](const Rect& rect, const std::uint8_t* pixels) {
+    const std::size_t bytes = static_cast<std::size_t>(rect.width) * rect.height * 4;
+    std::uint8_t* copy = mirror_ + static_cast<std::size_t>(rect.y) * width_ * 4;
+    if (std::memcmp(copy, pixels, bytes) != 0) {
+      std::memcpy(copy, pixels, bytes);
+      changed_.add(rect, width_, height_);
+      changed = true;
+    }
+  });
+  return changed;
+}
+
+void X11ScreenSource::fetch(const std::vector<Rect>& rects,
+                            const std::function<void(const Rect&, const std::uint8_t*)>& use) {
+  const std::size_t screenBytes = static_cast<std::size_t>(width_) * height_ * 4;
   if (useShm_) {
     // The whole screen lands in place; rectangles land one after the other
-    // after it, and are copied into place. All requests go out before the
-    // first reply is awaited.
+    // after it (room for half a screen). All requests go out before the first
+    // reply is awaited.
     std::vector<xcb_shm_get_image_cookie_t> cookies;
-    std::size_t offset = whole ? 0 : static_cast<std::size_t>(screenArea) * 4;
     std::vector<std::size_t> offsets;
+    std::size_t offset = screenBytes;
     for (const auto& rect : rects) {
+      const std::size_t bytes = static_cast<std::size_t>(rect.width) * rect.height * 4;
+      const std::size_t at = bytes == screenBytes ? 0 : offset;
       cookies.push_back(xcb_shm_get_image(connection_, root_, static_cast<std::int16_t>(rect.x),
                                           static_cast<std::int16_t>(rect.y), static_cast<std::uint16_t>(rect.width),
                                           static_cast<std::uint16_t>(rect.height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP,
-                                          segment_, static_cast<std::uint32_t>(offset)));
-      offsets.push_back(offset);
-      offset += static_cast<std::size_t>(rect.width) * rect.height * 4;
+                                          segment_, static_cast<std::uint32_t>(at)));
+      offsets.push_back(at);
+      if (at) offset += bytes;
     }
     for (std::size_t i = 0; i < rects.size(); ++i) {
-      auto reply = own(xcb_shm_get_image_reply(connection_, cookies[i], nullptr));
-      if (!reply) continue;
-      copyOpaque(shm_ + offsets[i], mirror_, width_, rects[i]);
+      if (own(xcb_shm_get_image_reply(connection_, cookies[i], nullptr))) use(rects[i], shm_ + offsets[i]);
     }
     return;
   }
@@ -338,19 +383,46 @@ void X11ScreenSource::fetchRects(std::vector<Rect> rects) {
   for (std::size_t i = 0; i < rects.size(); ++i) {
     auto reply = own(xcb_get_image_reply(connection_, cookies[i], nullptr));
     if (!reply || xcb_get_image_data_length(reply.get()) < rects[i].width * rects[i].height * 4) continue;
-    copyOpaque(xcb_get_image_data(reply.get()), mirror_, width_, rects[i]);
+    use(rects[i], xcb_get_image_data(reply.get()));
   }
 }
 
-void X11ScreenSource::deliver() {
+void X11ScreenSource::Changes::add(const Rect& rect, int width, int height) {
+  if (whole) return;
+  rects.push_back(rect);
+  whole = (rect.width == width && rect.height == height) || rects.size() > 64;
+  if (whole) rects.clear();
+}
+
+void X11ScreenSource::Changes::add(const Changes& more, int width, int height) {
+  if (more.whole) *this = more;
+  for (const auto& rect : more.rects) add(rect, width, height);
+}
+
+bool X11ScreenSource::deliver() {
   auto buffer = pool_->acquire();
-  if (!buffer) return;
+  if (!buffer) return false;
   if (buffer->format() == platform::PixelFormat::BGRA) {
-    copyBgra(mirror_, width_ * 4, width_, height_, *buffer);
+    // A reused buffer lacks only what changed since it last held the screen.
+    auto [entry, isNew] = stale_.try_emplace(buffer.get());
+    auto& lacks = entry->second;
+    lacks.whole = lacks.whole || isNew;
+    lacks.add(changed_, width_, height_);
+    for (auto& [other, otherLacks] : stale_) {
+      if (other != buffer.get()) otherLacks.add(changed_, width_, height_);
+    }
+    const std::vector<Rect> whole{{0, 0, width_, height_}};
+    for (const auto& rect : lacks.whole ? whole : lacks.rects) {
+      copyRect(mirror_ + (static_cast<std::size_t>(rect.y) * width_ + rect.x) * 4, width_ * 4, rect,
+               buffer->mutablePlane(0), buffer->stride(0));
+    }
+    lacks = {};
   } else {
     convertBgraToNv12(mirror_, width_ * 4, width_, height_, *buffer);
   }
+  changed_ = {};
   sink_(platform::SampleBuffer(std::move(buffer), orientation_));
+  return true;
 }
 
 }  // namespace zephlo

@@ -2,7 +2,9 @@
 // root window, keeps a copy of the screen up to date by fetching only the
 // damaged rectangles through MIT-SHM (the whole screen when most of it changed),
 // and delivers a sample only after something changed, at most at the sample
-// rate: an idle desktop costs nothing. Where the server has no DAMAGE it grabs
+// rate: an idle desktop costs next to nothing. DAMAGE is taken as a hint: one
+// band of the screen is compared with the copy four times a second, so a change
+// it missed still shows within two seconds. Where the server has no DAMAGE it grabs
 // the whole screen at every tick of the sample rate and delivers it when it
 // differs from the last; where MIT-SHM cannot be attached (another IPC
 // namespace, a remote display) it reads with plain GetImage. It follows the
@@ -11,7 +13,7 @@
 // Owned by the broadcast host; `open`, `start` and `stop` run on the main thread;
 // once started, the xcb connection is the source's own thread's alone. Samples
 // are BGRA as the server stores them (24-bit depth, 32 bits a pixel), or NV12
-// converted from that; they come from a small pool.
+// converted from that; they come from a pool of two buffers.
 //
 // THREADING: `stop` sets an atomic flag and wakes the thread through an eventfd
 // it polls beside the X connection.
@@ -20,6 +22,8 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,6 +61,13 @@ class X11ScreenSource : public ScreenSource {
   struct Rect {
     int x, y, width, height;
   };
+  // Parts of the screen changed: rectangles, or all of it.
+  struct Changes {
+    std::vector<Rect> rects;
+    bool whole = false;
+    void add(const Rect& rect, int width, int height);
+    void add(const Changes& more, int width, int height);
+  };
 
   X11ScreenSource(xcb_connection_t* connection, std::uint32_t root, platform::PixelFormat format,
                   std::int64_t orientation, double sampleRate);
@@ -72,7 +83,14 @@ class X11ScreenSource : public ScreenSource {
   void fetchWhole();
   // Into the screen copy; many or large rectangles as the whole screen.
   void fetchRects(std::vector<Rect> rects);
-  void deliver();
+  // Reads the next band of the screen and compares it with the copy, which it
+  // brings up to date; whether the band had changed.
+  bool checkBand();
+  // Reads `rects` from the screen and hands each one's rows (rect.width * 4
+  // bytes each) to `use`.
+  void fetch(const std::vector<Rect>& rects, const std::function<void(const Rect&, const std::uint8_t*)>& use);
+  // Whether a buffer was free for the sample.
+  bool deliver();
 
   xcb_connection_t* connection_;
   std::uint32_t root_;
@@ -88,7 +106,7 @@ class X11ScreenSource : public ScreenSource {
 
   int width_ = 0;
   int height_ = 0;
-  // The screen as last fetched, BGRA rows of width_ * 4 bytes, opaque: the
+  // The screen as last fetched, BGRA rows of width_ * 4 bytes: the
   // start of the MIT-SHM segment (after it, room for the damaged rectangles),
   // else `ownMirror_`.
   std::uint8_t* mirror_ = nullptr;
@@ -99,7 +117,12 @@ class X11ScreenSource : public ScreenSource {
   std::vector<std::uint8_t> last_;
   bool wholeScreenDue_ = true;  // first, and after a size change
   bool damaged_ = true;
+  int checkedRow_ = 0;  // the first row of the band checkBand reads next
   std::unique_ptr<PixelBufferPool> pool_;
+  // What changed in the screen copy since the last sample, and (BGRA) what each
+  // pooled buffer lacks of it; a buffer not listed yet lacks everything.
+  Changes changed_;
+  std::map<const platform::PixelBuffer*, Changes> stale_;
 
   Sink sink_;
   EndHandler ended_;

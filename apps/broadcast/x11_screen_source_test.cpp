@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <mutex>
 
 #include "apps/broadcast/broadcast_host.hpp"
@@ -30,13 +31,20 @@ Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
   return Canvas(const_cast<platform::PixelBuffer&>(*sample.imageBuffer())).at(x, y);
 }
 
-// The samples a started source delivers, as they arrive.
+// Copies of the samples a started source delivers, as they arrive. Like the
+// frame source, it holds the newest sample itself and lets the older go.
 class Samples {
  public:
   ScreenSource::Sink sink() {
     return [this](const platform::SampleBuffer& sample) {
+      const auto& in = *sample.imageBuffer();
+      auto copy = platform::PixelBuffer::create(in.format(), in.width(), in.height());
+      for (int p = 0; p < in.planeCount(); ++p) {
+        std::memcpy(copy->mutablePlane(p), in.plane(p), static_cast<std::size_t>(in.stride(p)) * in.planeHeight(p));
+      }
       std::lock_guard lock(mutex_);
-      samples_.push_back(sample);
+      newest_ = sample;
+      samples_.emplace_back(std::move(copy), sample.orientationAttachment());
       arrived_.notify_all();
     };
   }
@@ -55,11 +63,13 @@ class Samples {
   std::mutex mutex_;
   std::condition_variable arrived_;
   std::vector<platform::SampleBuffer> samples_;
+  platform::SampleBuffer newest_;
 };
 
 // An Xvfb server on a free display number, with a black root window and the
-// extensions the parameter leaves out disabled, and a connection of its own
-// to draw on the root window with.
+// extensions the parameter leaves out disabled (or its screen in a file of a
+// directory of its own, for "-fbdir"), and a connection of its own to draw on
+// the root window with.
 class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::string>> {
  protected:
   void SetUp() override {
@@ -68,6 +78,11 @@ class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::str
     // Xvfb prints the display number it picked on stdout (-displayfd 1).
     std::vector<std::string> args{"-displayfd", "1", "-screen", "0", "320x240x24", "-nolisten", "tcp", "-br"};
     args.insert(args.end(), GetParam().begin(), GetParam().end());
+    if (args.back() == "-fbdir") {
+      char dir[] = "/tmp/zephlo-xvfb-XXXXXX";
+      ASSERT_TRUE(::mkdtemp(dir));
+      args.push_back(fbdir_ = dir);
+    }
     server_ = std::make_unique<testing::ChildProcess>(xvfb, args);
     ASSERT_TRUE(server_->waitForStdout([](const std::string& line) { return !line.empty(); }));
     display_ = ":" + server_->stdoutLines().front();
@@ -77,6 +92,7 @@ class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::str
   }
   void TearDown() override {
     if (painter_) xcb_disconnect(painter_);
+    if (!fbdir_.empty()) std::filesystem::remove_all(fbdir_);
   }
 
   void fill(int x, int y, int width, int height, std::uint32_t rgb) {
@@ -91,6 +107,7 @@ class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::str
 
   std::unique_ptr<testing::ChildProcess> server_;
   std::string display_;
+  std::string fbdir_;
   xcb_connection_t* painter_ = nullptr;
   xcb_window_t root_ = 0;
 };
@@ -153,10 +170,7 @@ TEST_P(X11ScreenSourceTest, DeliversTheScreenAndWhatIsDrawnOnIt) {
     if (colourAt(*shown, 230, 50) == Rgb{0, 255, 0}) break;
   }
   ASSERT_TRUE(shown) << "the window never showed";
-  source->stop();
-  const auto atStop = samples.count();
-  source->stop();
-  EXPECT_EQ(samples.count(), atStop);
+  EXPECT_EQ(colourAt(*shown, 110, 85), (Rgb{255, 0, 0})) << "a reused buffer lost an earlier change";
 }
 
 INSTANTIATE_TEST_SUITE_P(Methods, X11ScreenSourceTest,
@@ -218,6 +232,42 @@ TEST_P(X11DesktopTest, TakesTheScaleFromXftDpiFollowsTheSizeAndEndsWhenTheDispla
 }
 
 INSTANTIATE_TEST_SUITE_P(Default, X11DesktopTest, ::testing::Values(std::vector<std::string>{}));
+
+class X11MissedDamageTest : public X11ScreenSourceTest {};
+
+// A change the server reports no damage for (written straight into its screen
+// file here) still reaches the samples.
+TEST_P(X11MissedDamageTest, AChangeWithoutDamageStillArrives) {
+  std::string error;
+  auto source = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 1, 30, &error);
+  ASSERT_TRUE(source) << error;
+  ASSERT_EQ(source->method(), "DAMAGE with MIT-SHM");
+  Samples samples;
+  source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
+  ASSERT_TRUE(samples.await(1));
+
+  // An XWD dump: big-endian header words, then the colour map, then the rows.
+  std::fstream file(fbdir_ + "/Xvfb_screen0", std::ios::binary | std::ios::in | std::ios::out);
+  unsigned char header[0x50] = {};
+  file.read(reinterpret_cast<char*>(header), sizeof header);
+  const auto word = [&](int at) {
+    return std::streamoff{header[at]} << 24 | header[at + 1] << 16 | header[at + 2] << 8 | header[at + 3];
+  };
+  const std::streamoff pixels = word(0) + word(0x4c) * 12, rowBytes = word(0x30);
+  for (int y = 200; y < 210; ++y) {
+    file.seekp(pixels + y * rowBytes + 150 * 4);
+    for (int x = 0; x < 10; ++x) file.write("\0\0\xff\0", 4);  // red, in BGRA
+  }
+  file.flush();
+  std::optional<platform::SampleBuffer> healed;
+  for (std::size_t n = 2; (healed = samples.await(n, 10s)); ++n) {
+    if (colourAt(*healed, 155, 205) == Rgb{255, 0, 0}) break;
+  }
+  EXPECT_TRUE(healed) << "the change never arrived";
+}
+
+INSTANTIATE_TEST_SUITE_P(FramebufferFile, X11MissedDamageTest,
+                         ::testing::Values(std::vector<std::string>{"-fbdir"}));
 
 TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefusedAndScreenNeedsADesktop) {
   std::string error;
