@@ -2,12 +2,14 @@
 
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 #include <ctime>
 #include <ostream>
 
 #include "apps/broadcast/broadcast_stats.hpp"
 #include "apps/broadcast/image_folder_source.hpp"
 #include "apps/broadcast/test_pattern_source.hpp"
+#include "apps/broadcast/wayland_screen_source.hpp"
 #include "apps/broadcast/x11_screen_source.hpp"
 #include "zephlo/extension/zephlo_replay_kit_extension.hpp"
 #include "zephlo/platform/bundle.hpp"
@@ -41,6 +43,15 @@ std::unique_ptr<ScreenSource> makeScreenSource(const BroadcastOptions& options, 
     case SourceKind::X11:
       return X11ScreenSource::open(options.source.argument, options.pixelFormat, options.orientation,
                                    options.sampleRate, error);
+    case SourceKind::Wayland:
+      return WaylandScreenSource::open(RestoreTokenFile::besideKeychain(options.keychainPath), options.pixelFormat,
+                                       options.orientation, error);
+    case SourceKind::Screen: {
+      const char* wayland = std::getenv("WAYLAND_DISPLAY");
+      BroadcastOptions resolved = options;
+      resolved.source.kind = wayland && *wayland ? SourceKind::Wayland : SourceKind::X11;
+      return makeScreenSource(resolved, error);
+    }
   }
   return nullptr;
 }
@@ -60,13 +71,14 @@ std::optional<std::string> BroadcastHost::setUp() {
     if (!bundle) return "--bundle " + *options_.bundlePath + ": " + error;
     platform::Bundle::setMain(std::move(*bundle));
   }
-  auto store = platform::KeychainStore::open(options_.keychainPath);
-  if (!store->isOpen()) return "--keychain " + options_.keychainPath + ": " + store->openError();
-  platform::KeychainStore::setShared(store);
-
+  // The source first: a desktop's sharing dialog that is cancelled or fails
+  // ends the program before the keychain is touched.
   std::string error;
   source_ = makeScreenSource(options_, &error);
   if (!source_) return "--source: " + error;
+  auto store = platform::KeychainStore::open(options_.keychainPath);
+  if (!store->isOpen()) return "--keychain " + options_.keychainPath + ": " + store->openError();
+  platform::KeychainStore::setShared(store);
   // A real screen's size comes with its first sample (see makeSink); until then
   // the main screen has the given size in points at the screen's scale.
   platform::ScreenBounds screen = options_.screen;
