@@ -3,7 +3,7 @@
 #include <benchmark/benchmark.h>
 
 #include "zephlo/socket/cbor_codec.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo {
 namespace {

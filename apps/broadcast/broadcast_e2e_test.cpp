@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <turbojpeg.h>
 #include <unistd.h>
+#include <xcb/xcb.h>
 
 #include <algorithm>
 #include <csignal>
@@ -16,7 +17,7 @@
 #include <string>
 
 #include "apps/broadcast/child_process.hpp"
-#include "apps/service/http_call.hpp"
+#include "zephlo/testing/http_call.hpp"
 #include "zephlo/core/json.hpp"
 #include "zephlo/platform/main_queue.hpp"
 #include "zephlo/testing/http_test_server.hpp"
@@ -53,6 +54,8 @@ class LocalService {
   virtual void dropStreamSocket() = 0;
   virtual bool controlConnected() = 0;  // and listening for session changes
   virtual std::size_t frames() = 0;
+  // The JPEG of the newest frame; empty before the first.
+  virtual Bytes lastFrame() = 0;
   // Whether a frame came on a stream socket opened after dropStreamSocket().
   virtual bool framesOnNewStreamSocket() = 0;
   // Runs the main queue (the test servers' sockets, this test's HTTP calls).
@@ -88,6 +91,16 @@ class TestServerService : public LocalService {
   std::size_t frames() override {
     const auto& r = stream_.received();
     return static_cast<std::size_t>(std::count_if(r.begin(), r.end(), isFrame));
+  }
+  Bytes lastFrame() override {
+    const auto& r = stream_.received();
+    for (auto m = r.rbegin(); m != r.rend(); ++m) {
+      if (!isFrame(*m)) continue;
+      const Value data = m->value->asMap()->get("data");
+      const Value image = data.isMap() ? data.asMap()->get("image") : Value();
+      if (const auto* bytes = image.asBytes()) return *bytes;
+    }
+    return {};
   }
   bool framesOnNewStreamSocket() override {
     const std::size_t newest = stream_.acceptedCount() - 1;
@@ -161,6 +174,11 @@ class ReferenceService : public LocalService {
   }
   bool controlConnected() override { return count(summary().get("session_listeners")) > 0; }
   std::size_t frames() override { return framesIn(summary()); }
+  Bytes lastFrame() override {
+    const auto answer = fetch("GET", consolePath() + "/frame", "");
+    if (!answer || answer->status != 200) return {};
+    return Bytes(answer->body.begin(), answer->body.end());
+  }
   // The dropped socket is closed before the drop is answered, so later frames
   // came on another one.
   bool framesOnNewStreamSocket() override {
@@ -183,15 +201,7 @@ class ReferenceService : public LocalService {
 
   // One REST call, answered before it returns; a failed one fails the test.
   ValueMap call(const std::string& method, const std::string& target, const std::string& body) {
-    service::HttpCallRequest request;
-    request.port = port_;
-    request.method = method;
-    request.target = target;
-    request.body = body;
-    if (!body.empty()) request.headers.emplace_back("Content-Type", "application/json");
-    std::optional<service::HttpResult> result;
-    service::httpCall(std::move(request), [&](service::HttpResult r) { result = std::move(r); });
-    platform::MainQueue::shared().runUntil([&] { return result.has_value(); }, kLimit);
+    const auto result = fetch(method, target, body);
     if (!result || !result->completed || result->status >= 400) {
       ADD_FAILURE() << method << " " << target << ": " << (result ? result->status : 0) << " "
                     << (result ? result->body : "no answer");
@@ -199,6 +209,19 @@ class ReferenceService : public LocalService {
     }
     const Value answer = json::parse(result->body).value_or(Value());
     return answer.asMap() ? *answer.asMap() : ValueMap{};
+  }
+  std::optional<testing::HttpResult> fetch(const std::string& method, const std::string& target,
+                                           const std::string& body) {
+    testing::HttpCallRequest request;
+    request.port = port_;
+    request.method = method;
+    request.target = target;
+    request.body = body;
+    if (!body.empty()) request.headers.emplace_back("Content-Type", "application/json");
+    std::optional<testing::HttpResult> result;
+    testing::httpCall(std::move(request), [&](testing::HttpResult r) { result = std::move(r); });
+    platform::MainQueue::shared().runUntil([&] { return result.has_value(); }, kLimit);
+    return result;
   }
 
   testing::ChildProcess service_;
@@ -416,6 +439,53 @@ TEST_P(BroadcastEndToEndTest, ASyncSendsAFrameOfAStillScreen) {
   broadcast_->signal(SIGINT);
   EXPECT_EQ(exitStatus(), 0);
   EXPECT_EQ(broadcast_->stderrLines(), std::vector<std::string>{"Broadcast finished"});
+}
+
+// The width and height of a JPEG; zeros when it does not decode.
+std::pair<int, int> jpegSize(const Bytes& jpeg) {
+  int width = 0, height = 0, subsampling = 0, colourspace = 0;
+  tjhandle tj = tjInitDecompress();
+  if (jpeg.empty() || tjDecompressHeader3(tj, jpeg.data(), jpeg.size(), &width, &height, &subsampling, &colourspace) != 0) {
+    width = height = 0;
+  }
+  tjDestroy(tj);
+  return {width, height};
+}
+
+// A desktop's screen reaches the agent at its own size in points: a 320x240
+// screen at --screen's scale of 2 (over the desktop's own 1) is 160x120 points,
+// 80x60 frames at the session's 0.5; a new screen size carries the broadcast on
+// at that size.
+TEST_P(BroadcastEndToEndTest, AnX11ScreenStreamsAtItsOwnSize) {
+  if (!std::filesystem::exists("/usr/bin/Xvfb")) GTEST_SKIP() << "Xvfb is not installed";
+  ChildProcess xvfb("/usr/bin/Xvfb", {"-displayfd", "1", "-screen", "0", "320x240x24", "-nolisten", "tcp"});
+  ASSERT_TRUE(xvfb.waitForStdout([](const std::string& line) { return !line.empty(); }));
+  const std::string display = ":" + xvfb.stdoutLines().front();
+  startStreaming({"--source", "x11:" + display});
+  EXPECT_EQ(jpegSize(service_->lastFrame()), std::pair(80, 60));
+
+  // What the server sends every client selecting it after a RandR change of the
+  // screen's size (this Xvfb cannot change it at run time), and a change drawn.
+  xcb_connection_t* painter = xcb_connect(display.c_str(), nullptr);
+  const xcb_window_t root = xcb_setup_roots_iterator(xcb_get_setup(painter)).data->root;
+  xcb_configure_notify_event_t configure{};
+  configure.response_type = XCB_CONFIGURE_NOTIFY;
+  configure.event = configure.window = root;
+  configure.width = 200;
+  configure.height = 100;
+  xcb_send_event(painter, 0, root, XCB_EVENT_MASK_STRUCTURE_NOTIFY, reinterpret_cast<const char*>(&configure));
+  const std::uint32_t white = 0xffffff;
+  const xcb_gcontext_t gc = xcb_generate_id(painter);
+  xcb_create_gc(painter, gc, root, XCB_GC_FOREGROUND, &white);
+  const xcb_rectangle_t rect{0, 0, 50, 50};
+  xcb_poly_fill_rectangle(painter, root, gc, 1, &rect);
+  xcb_flush(painter);
+  EXPECT_TRUE(service_->runUntil([&] { return jpegSize(service_->lastFrame()) == std::pair(50, 25); }))
+      << jpegSize(service_->lastFrame()).first << "x" << jpegSize(service_->lastFrame()).second;
+  xcb_disconnect(painter);
+
+  broadcast_->signal(SIGTERM);
+  EXPECT_EQ(exitStatus(), 0) << stderrText();
 }
 
 INSTANTIATE_TEST_SUITE_P(Services, BroadcastEndToEndTest,

@@ -48,6 +48,11 @@ std::unique_ptr<ScreenSource> makeScreenSource(const BroadcastOptions& options, 
                                        options.orientation, error);
     case SourceKind::Screen: {
       const char* wayland = std::getenv("WAYLAND_DISPLAY");
+      const char* display = std::getenv("DISPLAY");
+      if (!(wayland && *wayland) && !display) {
+        *error = "screen: neither $WAYLAND_DISPLAY nor $DISPLAY is set: no desktop to capture";
+        return nullptr;
+      }
       BroadcastOptions resolved = options;
       resolved.source.kind = wayland && *wayland ? SourceKind::Wayland : SourceKind::X11;
       return makeScreenSource(resolved, error);
@@ -122,7 +127,7 @@ int BroadcastHost::run(std::ostream& err) {
   extension_->setFinishHandler([this](const Error& error) { broadcastDidFinish(error); });
   extension_->broadcastStarted({});
   if (options_.stats) {
-    stats_ = BroadcastStats::attach(extension_->frameLoop(), extension_->stream());
+    stats_ = BroadcastStats::attach(extension_->stream());
     stats_->startReporting([](const std::string& line) { platform::writeStdout(line); });
   }
 

@@ -58,6 +58,7 @@ TEST(BroadcastOptionsTest, SourcesAndScreensAreParsed) {
   EXPECT_EQ(parseSource("testpattern"), (SourceSpec{SourceKind::TestPattern, ""}));
   EXPECT_EQ(parseSource("x11"), (SourceSpec{SourceKind::X11, ""}));
   EXPECT_EQ(parseSource("x11::99"), (SourceSpec{SourceKind::X11, ":99"}));
+  EXPECT_EQ(parseSource("screen"), (SourceSpec{SourceKind::Screen, ""}));
   EXPECT_EQ(parseSource("images:a/b"), (SourceSpec{SourceKind::Images, "a/b"}));
   for (const char* bad : {"", "images", "images:", "x11:", "camera", "TestPattern"}) {
     EXPECT_FALSE(parseSource(bad)) << bad;

@@ -2,34 +2,13 @@
 
 #include <cstdio>
 
-#include "zephlo/platform/jpeg_encoder.hpp"
-
 namespace zephlo {
 
-std::shared_ptr<BroadcastStats> BroadcastStats::attach(const std::shared_ptr<ZPHFrameLoop>& loop,
-                                                       std::shared_ptr<ZPHStreamProtocol> stream) {
+std::shared_ptr<BroadcastStats> BroadcastStats::attach(const std::shared_ptr<ZPHStreamProtocol>& stream) {
   auto stats = std::make_shared<BroadcastStats>();
   stats->stream_ = stream;
-  loop->registerFrameLoopObserver(stats);
-  if (stream) stream->registerStreamProtocolObserver(stats);
+  if (stream) stream->registerFrameTransmissionObserver(stats);
   return stats;
-}
-
-void BroadcastStats::didCaptureFrame(const FrameImage& image) {
-  if (!image) return;
-  auto bytes = image->bytes();
-  if (!bytes) return;
-  if (lastSent_ && lastSent_->size() == bytes->size() && *lastSent_ == *bytes) return;  // unchanged
-  const auto stream = stream_.lock();
-  const auto socket = stream ? stream->stream() : nullptr;
-  if (!socket || !socket->isConneced() || socket->messageLag() >= ZPHStreamProtocol::kCongestionLag) {
-    ++dropped_;
-    lastSent_.reset();  // the loop resends after a failed send
-    return;
-  }
-  lastSent_ = bytes;
-  ++sent_;
-  if (auto jpeg = platform::encodeJpeg(*image, stream->imageCompression())) bytes_ += jpeg->size();
 }
 
 std::string BroadcastStats::line() {

@@ -1,19 +1,13 @@
 // BroadcastStats: the once-a-second status line of `zephlo-broadcast --stats`:
-// frames sent and dropped so far, the stream socket's message lag, the JPEG
-// quality it implies and the JPEG bytes sent in the last second.
+// frames handed to the stream socket and frames refused by its gate so far, the
+// socket's message lag, the JPEG quality it implies and the JPEG bytes the socket
+// wrote in the last second.
 //
-// It watches the extension from outside without changing what it does: as a
-// frame loop observer it sees each rendered frame and applies the loop's own
-// rule (a frame equal to the last one handed on is not sent; a sync or a failed
-// send makes the next one go out again), and it reads the stream protocol's
-// gate inputs (connected, message lag) at that moment, on the main queue, where
-// nothing can change them before the frame reaches the gate. A frame that will
-// be sent is encoded once more at the same quality to learn its size, which is
-// what --stats costs.
+// It counts what happened, as an observer of the stream protocol's frame
+// transmission; it never re-runs the rules or encodes a frame itself.
 //
-// Owned by the broadcast host through shared_ptr (the frame loop and the stream
-// protocol hold it as an observer; it holds the stream protocol weakly). Main
-// queue only.
+// Owned by the broadcast host through shared_ptr (the stream protocol holds it as
+// an observer; it holds the stream protocol weakly). Main queue only.
 #pragma once
 
 #include <cstdint>
@@ -21,19 +15,17 @@
 #include <memory>
 #include <string>
 
-#include "zephlo/capture/frame_loop.hpp"
 #include "zephlo/platform/main_queue.hpp"
 #include "zephlo/stream/stream_protocol.hpp"
 
 namespace zephlo {
 
-class BroadcastStats : public ZPHFrameLoopObserver, public ZPHStreamProtocolObserver {
+class BroadcastStats : public FrameTransmissionObserver {
  public:
   using LineWriter = std::function<void(const std::string& line)>;
 
-  // Watches `loop` and `stream` (which may be null: nothing is ever sent then).
-  static std::shared_ptr<BroadcastStats> attach(const std::shared_ptr<ZPHFrameLoop>& loop,
-                                                std::shared_ptr<ZPHStreamProtocol> stream);
+  // Watches `stream` (which may be null: nothing is ever sent then).
+  static std::shared_ptr<BroadcastStats> attach(const std::shared_ptr<ZPHStreamProtocol>& stream);
 
   // Writes a line every second through `writer` until `stop`.
   void startReporting(LineWriter writer);
@@ -45,15 +37,15 @@ class BroadcastStats : public ZPHFrameLoopObserver, public ZPHStreamProtocolObse
   std::uint64_t sent() const { return sent_; }
   std::uint64_t dropped() const { return dropped_; }
 
-  void willCaptureFrame() override {}
-  void didCaptureFrame(const FrameImage& image) override;
-  void onAgentEvent(const std::shared_ptr<ZPHSession>&, const ZPHAgentEvent&) override {}
-  void onSyncRequest(const std::shared_ptr<ZPHSession>&) override { lastSent_.reset(); }
+  void frameRefused(GateVerdict) override { ++dropped_; }
+  void frameHandedToSocket(std::size_t) override { ++sent_; }
+  void frameWriteDone(std::size_t jpegBytes, bool written) override {
+    if (written) bytes_ += jpegBytes;
+  }
 
  private:
   // Weak: the stream protocol holds this object as its observer.
   std::weak_ptr<ZPHStreamProtocol> stream_;
-  SharedBytes lastSent_;
   std::uint64_t sent_ = 0;
   std::uint64_t dropped_ = 0;
   std::uint64_t bytes_ = 0;

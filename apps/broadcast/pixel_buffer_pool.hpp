@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstddef>
+#include <limits>
 #include <memory>
 #include <vector>
 
@@ -20,12 +21,16 @@ namespace zephlo {
 
 class PixelBufferPool {
  public:
-  PixelBufferPool(platform::PixelFormat format, int width, int height);
+  // At most `limit` buffers are made; a producer that can wait for one to come
+  // back sets it.
+  PixelBufferPool(platform::PixelFormat format, int width, int height,
+                  std::size_t limit = std::numeric_limits<std::size_t>::max());
   PixelBufferPool(const PixelBufferPool&) = delete;
   PixelBufferPool& operator=(const PixelBufferPool&) = delete;
 
   // A buffer nobody else holds, reused when one is free, else newly made. Its
-  // content is whatever it held last. Null only when the size is impossible.
+  // content is whatever it held last. Null when the size is impossible, or when
+  // all `limit` buffers are held.
   std::shared_ptr<platform::PixelBuffer> acquire();
 
   // Buffers made so far.
@@ -38,6 +43,7 @@ class PixelBufferPool {
   platform::PixelFormat format_;
   int width_;
   int height_;
+  std::size_t limit_;
   std::vector<std::shared_ptr<platform::PixelBuffer>> buffers_;
 };
 

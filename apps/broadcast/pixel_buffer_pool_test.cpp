@@ -23,6 +23,12 @@ TEST(PixelBufferPoolTest, ABufferComesBackOnceEveryHolderLetsGo) {
   auto fourth = pool.acquire();
   EXPECT_EQ(pool.size(), 2u);
   EXPECT_NE(third.get(), fourth.get());
+
+  PixelBufferPool limited(platform::PixelFormat::BGRA, 8, 4, 2);
+  auto a = limited.acquire(), b = limited.acquire();
+  EXPECT_FALSE(limited.acquire()) << "both held, and no third may be made";
+  b.reset();
+  EXPECT_TRUE(limited.acquire());
 }
 
 TEST(PixelBufferPoolTest, BuffersHaveThePoolsFormatAndSize) {

@@ -1,18 +1,88 @@
 #include "apps/broadcast/x11_screen_source.hpp"
 
+#include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/ipc.h>
 #include <sys/shm.h>
+#include <unistd.h>
+#include <xcb/damage.h>
 #include <xcb/shm.h>
 #include <xcb/xcb.h>
+#include <xcb/xfixes.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <utility>
+#include <functional>
+#include <string_view>
 
 #include "apps/broadcast/pixel_conversion.hpp"
+#include "zephlo/platform/log.hpp"
 
 namespace zephlo {
+
+namespace {
+
+// Two buffers: the one the frame source holds and the one being filled. When the
+// renderer still reads the older one, the sample waits for the next tick.
+constexpr std::size_t kPoolBuffers = 2;
+// DAMAGE can miss changes (GL drivers, compositors): every kCheckInterval one
+// of kCheckBands bands of the screen is read and compared with the copy, so a
+// missed change shows within kCheckBands * kCheckInterval.
+constexpr std::chrono::milliseconds kCheckInterval{250};
+constexpr int kCheckBands = 8;
+
+// Replies and events from xcb are malloc'd.
+template <typename T>
+using XcbReply = std::unique_ptr<T, decltype(&std::free)>;
+template <typename T>
+XcbReply<T> own(T* reply) {
+  return XcbReply<T>(reply, &std::free);
+}
+
+// Xft.dpi / 96 rounded from the RESOURCE_MANAGER string of the root window, as
+// desktops set it for HiDPI monitors; 1 where it is not set.
+int readDesktopScale(xcb_connection_t* connection, xcb_window_t root) {
+  auto reply = own(xcb_get_property_reply(
+      connection, xcb_get_property(connection, 0, root, XCB_ATOM_RESOURCE_MANAGER, XCB_ATOM_STRING, 0, 1 << 16),
+      nullptr));
+  if (!reply) return 1;
+  const std::string_view resources(static_cast<const char*>(xcb_get_property_value(reply.get())),
+                                   static_cast<std::size_t>(xcb_get_property_value_length(reply.get())));
+  constexpr std::string_view kKey = "Xft.dpi:";
+  for (std::size_t at = 0; at < resources.size();) {
+    const auto end = std::min(resources.find('\n', at), resources.size());
+    const auto line = resources.substr(at, end - at);
+    if (line.starts_with(kKey)) {
+      const double dpi = std::atof(std::string(line.substr(kKey.size())).c_str());
+      return dpi > 0 ? std::max(1, static_cast<int>(std::lround(dpi / 96))) : 1;
+    }
+    at = end + 1;
+  }
+  return 1;
+}
+
+bool hasExtension(xcb_connection_t* connection, xcb_extension_t* extension) {
+  const auto* data = xcb_get_extension_data(connection, extension);
+  return data && data->present;
+}
+
+// Copies `rect`'s rows from `from` (`fromStride` bytes apart) to the same place
+// in `to` (a screen with rows `toStride` bytes apart). The fourth byte stays as
+// the server left it (undefined at depth 24): nothing downstream reads it.
+template <typename Rect>
+void copyRect(const std::uint8_t* from, std::size_t fromStride, const Rect& rect, std::uint8_t* to,
+              std::size_t toStride) {
+  const std::size_t rowBytes = static_cast<std::size_t>(rect.width) * 4;
+  for (int y = 0; y < rect.height; ++y) {
+    std::uint8_t* row = to + (rect.y + y) * toStride + static_cast<std::size_t>(rect.x) * 4;
+    // The whole screen through MIT-SHM is fetched in place already.
+    if (row != from + y * fromStride) std::memcpy(row, from + y * fromStride, rowBytes);
+  }
+}
+
+}  // namespace
 
 std::unique_ptr<X11ScreenSource> X11ScreenSource::open(const std::string& display, platform::PixelFormat format,
                                                        std::int64_t orientation, double sampleRate,
@@ -21,7 +91,8 @@ std::unique_ptr<X11ScreenSource> X11ScreenSource::open(const std::string& displa
   xcb_connection_t* connection = xcb_connect(display.empty() ? nullptr : display.c_str(), &screenNumber);
   if (xcb_connection_has_error(connection)) {
     xcb_disconnect(connection);
-    *error = "cannot open X11 display " + (display.empty() ? std::string(std::getenv("DISPLAY") ? std::getenv("DISPLAY") : "(unset)") : display);
+    const char* fromEnvironment = std::getenv("DISPLAY");
+    *error = "cannot open X11 display " + (display.empty() ? std::string(fromEnvironment ? fromEnvironment : "(unset)") : display);
     return nullptr;
   }
   xcb_screen_iterator_t it = xcb_setup_roots_iterator(xcb_get_setup(connection));
@@ -37,106 +108,321 @@ std::unique_ptr<X11ScreenSource> X11ScreenSource::open(const std::string& displa
     *error = "X11 screen depth " + std::to_string(screen->root_depth) + " is not supported (24 or 32 only)";
     return nullptr;
   }
-  std::unique_ptr<X11ScreenSource> source(new X11ScreenSource(connection, screen->root, screen->width_in_pixels,
-                                                              screen->height_in_pixels, format, orientation,
-                                                              sampleRate));
-  if (!source->attachSegment(error)) return nullptr;
+  std::unique_ptr<X11ScreenSource> source(
+      new X11ScreenSource(connection, screen->root, format, orientation, sampleRate));
+  source->desktopScale_ = readDesktopScale(connection, screen->root);
+  // The root's ConfigureNotify tells of a new screen size (RandR included).
+  const std::uint32_t events = XCB_EVENT_MASK_STRUCTURE_NOTIFY;
+  xcb_change_window_attributes(connection, screen->root, XCB_CW_EVENT_MASK, &events);
+  source->useShm_ = hasExtension(connection, &xcb_shm_id);
+  if (source->useShm_) {
+    source->useShm_ = own(xcb_shm_query_version_reply(connection, xcb_shm_query_version(connection), nullptr)) != nullptr;
+  }
+  source->allocate(screen->width_in_pixels, screen->height_in_pixels);
+  source->setUpDamage();
+  if (source->method() != "DAMAGE with MIT-SHM") {
+    platform::log("X11 capture: " + source->method() +
+                  (source->damage_ ? "" : " (the display has no DAMAGE: the whole screen is read at every tick)") +
+                  (source->useShm_ ? "" : " (MIT-SHM cannot be used with this display)"));
+  }
   return source;
 }
 
-X11ScreenSource::X11ScreenSource(xcb_connection_t* connection, std::uint32_t root, int width, int height,
-                                 platform::PixelFormat format, std::int64_t orientation, double sampleRate)
+X11ScreenSource::X11ScreenSource(xcb_connection_t* connection, std::uint32_t root, platform::PixelFormat format,
+                                 std::int64_t orientation, double sampleRate)
     : connection_(connection),
       root_(root),
-      width_(width),
-      height_(height),
+      format_(format),
       orientation_(orientation),
-      pool_(format, width, height),
-      ticker_(sampleRate) {}
-
-void X11ScreenSource::start(Sink sink, EndHandler ended) {
-  ended_ = std::move(ended);
-  ticker_.start([this](platform::Duration sinceStart) { return sampleAt(sinceStart); }, std::move(sink));
-}
-
-void X11ScreenSource::stop() { ticker_.stop(); }
+      interval_(static_cast<std::int64_t>(1e9 / std::max(sampleRate, 0.001))),
+      wakeFd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 X11ScreenSource::~X11ScreenSource() {
-  ticker_.stop();
+  stop();
+  if (damage_) xcb_damage_destroy(connection_, damage_);
+  if (region_) xcb_xfixes_destroy_region(connection_, region_);
+  releaseSegment();
+  xcb_disconnect(connection_);
+  if (wakeFd_ >= 0) ::close(wakeFd_);
+}
+
+std::string X11ScreenSource::method() const {
+  return std::string(damage_ ? "DAMAGE" : "polling") + (useShm_ ? " with MIT-SHM" : " with GetImage");
+}
+
+void X11ScreenSource::setUpDamage() {
+  if (!hasExtension(connection_, &xcb_damage_id) || !hasExtension(connection_, &xcb_xfixes_id)) return;
+  // Both want their version asked before any other request; regions are XFixes 2.
+  auto xfixes = own(xcb_xfixes_query_version_reply(connection_, xcb_xfixes_query_version(connection_, 2, 0), nullptr));
+  auto damage = own(xcb_damage_query_version_reply(connection_, xcb_damage_query_version(connection_, 1, 1), nullptr));
+  if (!xfixes || xfixes->major_version < 2 || !damage) return;
+  region_ = xcb_generate_id(connection_);
+  xcb_xfixes_create_region(connection_, region_, 0, nullptr);
+  // NonEmpty: one event when the damage goes from nothing to something; the
+  // rectangles are then taken (and the damage emptied) with Subtract.
+  damage_ = xcb_generate_id(connection_);
+  xcb_damage_create(connection_, damage_, root_, XCB_DAMAGE_REPORT_LEVEL_NON_EMPTY);
+  damageNotify_ = static_cast<std::uint8_t>(xcb_get_extension_data(connection_, &xcb_damage_id)->first_event +
+                                            XCB_DAMAGE_NOTIFY);
+}
+
+void X11ScreenSource::releaseSegment() {
   if (segment_) xcb_shm_detach(connection_, segment_);
   xcb_flush(connection_);
   if (shm_) shmdt(shm_);
-  xcb_disconnect(connection_);
+  segment_ = 0;
+  shm_ = nullptr;
 }
 
-bool X11ScreenSource::attachSegment(std::string* error) {
-  auto* version = xcb_shm_query_version_reply(connection_, xcb_shm_query_version(connection_), nullptr);
-  if (!version) {
-    *error = "the X11 display has no MIT-SHM extension";
-    return false;
-  }
-  std::free(version);
-  const std::size_t size = static_cast<std::size_t>(width_) * height_ * 4;
-  shmId_ = shmget(IPC_PRIVATE, size, IPC_CREAT | 0600);
-  if (shmId_ < 0) {
-    *error = std::string("shmget: ") + std::strerror(errno);
-    return false;
-  }
-  shm_ = static_cast<std::uint8_t*>(shmat(shmId_, nullptr, 0));
-  if (shm_ == reinterpret_cast<std::uint8_t*>(-1)) {
-    shm_ = nullptr;
-    shmctl(shmId_, IPC_RMID, nullptr);
-    *error = std::string("shmat: ") + std::strerror(errno);
-    return false;
-  }
-  segment_ = xcb_generate_id(connection_);
-  auto* attached = xcb_request_check(connection_, xcb_shm_attach_checked(connection_, segment_, static_cast<std::uint32_t>(shmId_), 0));
-  // Marked for removal now: it goes away with the last detach, even after a crash.
-  shmctl(shmId_, IPC_RMID, nullptr);
-  if (attached) {
-    std::free(attached);
-    segment_ = 0;
-    *error = "the X11 server could not attach the shared memory segment";
-    return false;
-  }
-  return true;
-}
+void X11ScreenSource::allocate(int width, int height) {
+  width_ = width;
+  height_ = height;
+  releaseSegment();
+  ownMirror_.clear();
+  ownMirror_.shrink_to_fit();
+  last_.clear();
+  last_.shrink_to_fit();
+  pool_ = std::make_unique<PixelBufferPool>(format_, width, height, kPoolBuffers);
+  wholeScreenDue_ = damaged_ = true;
+  checkedRow_ = 0;
+  stale_.clear();
+  changed_ = {};
 
-bool X11ScreenSource::grab() {
-  auto* reply = xcb_shm_get_image_reply(
-      connection_,
-      xcb_shm_get_image(connection_, root_, 0, 0, static_cast<std::uint16_t>(width_), static_cast<std::uint16_t>(height_),
-                        ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, segment_, 0),
-      nullptr);
-  if (!reply) return false;
-  std::free(reply);
-  return true;
-}
-
-std::optional<platform::SampleBuffer> X11ScreenSource::sampleAt(platform::Duration) {
-  if (!grab()) {
-    if (xcb_connection_has_error(connection_) && ended_) {
-      std::exchange(ended_, nullptr)("The X11 display went away");
+  const std::size_t screenBytes = static_cast<std::size_t>(width) * height * 4;
+  if (useShm_) {
+    // The screen, then room for damaged rectangles of up to half of it.
+    const int id = shmget(IPC_PRIVATE, screenBytes + screenBytes / 2 + 4, IPC_CREAT | 0600);
+    void* at = id >= 0 ? shmat(id, nullptr, 0) : reinterpret_cast<void*>(-1);
+    if (at != reinterpret_cast<void*>(-1)) {
+      segment_ = xcb_generate_id(connection_);
+      auto failed = own(xcb_request_check(
+          connection_, xcb_shm_attach_checked(connection_, segment_, static_cast<std::uint32_t>(id), 0)));
+      if (failed) {
+        segment_ = 0;
+        shmdt(at);
+      } else {
+        shm_ = static_cast<std::uint8_t*>(at);
+      }
     }
-    return std::nullopt;
+    // Marked for removal now: it goes away with the last detach, even after a crash.
+    if (id >= 0) shmctl(id, IPC_RMID, nullptr);
+    useShm_ = shm_ != nullptr;
   }
-  const std::size_t size = static_cast<std::size_t>(width_) * height_ * 4;
-  if (last_.size() == size && std::memcmp(last_.data(), shm_, size) == 0) return std::nullopt;
-  last_.assign(shm_, shm_ + size);
-
-  auto buffer = pool_.acquire();
-  if (!buffer) return std::nullopt;
-  if (buffer->format() == platform::PixelFormat::BGRA) {
-    copyBgra(shm_, width_ * 4, width_, height_, *buffer);
-    // The server leaves the fourth byte undefined; make the pixels opaque.
-    for (int y = 0; y < height_; ++y) {
-      std::uint8_t* row = buffer->mutablePlane(0) + static_cast<std::ptrdiff_t>(y) * buffer->stride(0);
-      for (int x = 0; x < width_; ++x) row[4 * x + 3] = 255;
-    }
+  if (useShm_) {
+    mirror_ = shm_;
   } else {
-    convertBgraToNv12(shm_, width_ * 4, width_, height_, *buffer);
+    ownMirror_.resize(screenBytes);
+    mirror_ = ownMirror_.data();
   }
-  return platform::SampleBuffer(std::move(buffer), orientation_);
+}
+
+void X11ScreenSource::start(Sink sink, EndHandler ended) {
+  if (thread_.joinable()) return;
+  sink_ = std::move(sink);
+  ended_ = std::move(ended);
+  thread_ = std::thread([this] { run(); });
+}
+
+void X11ScreenSource::stop() {
+  stopping_ = true;
+  const std::uint64_t one = 1;
+  if (wakeFd_ >= 0) {
+    const auto written = ::write(wakeFd_, &one, sizeof one);
+    (void)written;  // adding 1 to an eventfd fails only when it is full, and it is awake then
+  }
+  if (thread_.joinable()) thread_.join();
+}
+
+void X11ScreenSource::run() {
+  using Clock = std::chrono::steady_clock;
+  auto nextAllowed = Clock::now();
+  auto nextCheck = nextAllowed + kCheckInterval;
+  bool sampleDue = false;  // the screen changed since the last sample delivered
+  while (!stopping_) {
+    // Events read while waiting for a reply are queued already, with nothing
+    // left to read on the socket: take them before polling it.
+    while (auto event = own(xcb_poll_for_event(connection_))) handle(event.get());
+    if (xcb_connection_has_error(connection_)) {
+      if (ended_) ended_("The X11 display went away");
+      return;
+    }
+    auto now = Clock::now();
+    if (damage_ && now >= nextCheck) {
+      if (checkBand()) sampleDue = true;
+      nextCheck = now + kCheckInterval;
+    }
+    const bool fetchDue = damaged_ || !damage_;
+    if ((fetchDue || sampleDue) && now >= nextAllowed) {
+      if (fetchDue && capture()) sampleDue = true;
+      if (sampleDue) sampleDue = !deliver();
+      nextAllowed = now + interval_;
+      continue;
+    }
+    auto wakeAt = Clock::time_point::max();  // nothing to do until the screen changes
+    if (fetchDue || sampleDue) wakeAt = nextAllowed;
+    if (damage_) wakeAt = std::min(wakeAt, nextCheck);
+    const int timeout =
+        wakeAt == Clock::time_point::max()
+            ? -1
+            : static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(wakeAt - now).count());
+    pollfd fds[2] = {{xcb_get_file_descriptor(connection_), POLLIN, 0}, {wakeFd_, POLLIN, 0}};
+    ::poll(fds, 2, timeout);
+  }
+}
+
+void X11ScreenSource::handle(const void* generic) {
+  const auto& event = *static_cast<const xcb_generic_event_t*>(generic);
+  const auto type = event.response_type & 0x7f;
+  if (damage_ && type == damageNotify_) {
+    damaged_ = true;
+  } else if (type == XCB_CONFIGURE_NOTIFY) {
+    const auto& configure = *static_cast<const xcb_configure_notify_event_t*>(generic);
+    if (configure.window == root_ && (configure.width != width_ || configure.height != height_)) {
+      allocate(configure.width, configure.height);
+    }
+  }
+}
+
+bool X11ScreenSource::capture() {
+  if (damage_) {
+    // Takes the damage so far and empties it, so that the next change raises
+    // a new event.
+    xcb_damage_subtract(connection_, damage_, XCB_NONE, region_);
+    auto region = own(xcb_xfixes_fetch_region_reply(connection_, xcb_xfixes_fetch_region(connection_, region_), nullptr));
+    damaged_ = false;
+    if (!region) return false;
+    const auto* rects = xcb_xfixes_fetch_region_rectangles(region.get());
+    const int count = xcb_xfixes_fetch_region_rectangles_length(region.get());
+    if (wholeScreenDue_) {
+      fetchWhole();
+      wholeScreenDue_ = false;
+      return true;
+    }
+    std::vector<Rect> damaged;
+    for (int i = 0; i < count; ++i) {
+      // Clipped to the screen: damage may reach past it while the size changes.
+      const int x = std::max<int>(rects[i].x, 0), y = std::max<int>(rects[i].y, 0);
+      const int right = std::min(rects[i].x + rects[i].width, width_);
+      const int bottom = std::min(rects[i].y + rects[i].height, height_);
+      if (right > x && bottom > y) damaged.push_back({x, y, right - x, bottom - y});
+    }
+    if (damaged.empty()) return false;
+    fetchRects(damaged);
+    return true;
+  }
+  fetchWhole();
+  const std::size_t size = static_cast<std::size_t>(width_) * height_ * 4;
+  if (last_.size() == size && std::memcmp(last_.data(), mirror_, size) == 0) return false;
+  last_.assign(mirror_, mirror_ + size);
+  return true;
+}
+
+void X11ScreenSource::fetchWhole() { fetchRects({{0, 0, width_, height_}}); }
+
+void X11ScreenSource::fetchRects(std::vector<Rect> rects) {
+  const std::int64_t screenArea = static_cast<std::int64_t>(width_) * height_;
+  std::int64_t area = 0;
+  for (const auto& rect : rects) area += static_cast<std::int64_t>(rect.width) * rect.height;
+  // Many or large rectangles: one request for the whole screen costs less.
+  if (rects.size() > 32 || 2 * area > screenArea) rects = {{0, 0, width_, height_}};
+  fetch(rects, [this](const Rect& rect, const std::uint8_t* pixels) {
+    copyRect(pixels, static_cast<std::size_t>(rect.width) * 4, rect, mirror_, static_cast<std::size_t>(width_) * 4);
+    changed_.add(rect, width_, height_);
+  });
+}
+
+bool X11ScreenSource::checkBand() {
+  const int rows = (height_ + kCheckBands - 1) / kCheckBands;
+  if (checkedRow_ >= height_) checkedRow_ = 0;
+  const Rect band{0, checkedRow_, width_, std::min(rows, height_ - checkedRow_)};
+  checkedRow_ += rows;
+  bool changed = false;
+  fetch({band}, [&](const Rect& rect, const std::uint8_t* pixels) {
+    const std::size_t bytes = static_cast<std::size_t>(rect.width) * rect.height * 4;
+    std::uint8_t* copy = mirror_ + static_cast<std::size_t>(rect.y) * width_ * 4;
+    if (std::memcmp(copy, pixels, bytes) != 0) {
+      std::memcpy(copy, pixels, bytes);
+      changed_.add(rect, width_, height_);
+      changed = true;
+    }
+  });
+  return changed;
+}
+
+void X11ScreenSource::fetch(const std::vector<Rect>& rects,
+                            const std::function<void(const Rect&, const std::uint8_t*)>& use) {
+  const std::size_t screenBytes = static_cast<std::size_t>(width_) * height_ * 4;
+  if (useShm_) {
+    // The whole screen lands in place; rectangles land one after the other
+    // after it (room for half a screen). All requests go out before the first
+    // reply is awaited.
+    std::vector<xcb_shm_get_image_cookie_t> cookies;
+    std::vector<std::size_t> offsets;
+    std::size_t offset = screenBytes;
+    for (const auto& rect : rects) {
+      const std::size_t bytes = static_cast<std::size_t>(rect.width) * rect.height * 4;
+      const std::size_t at = bytes == screenBytes ? 0 : offset;
+      cookies.push_back(xcb_shm_get_image(connection_, root_, static_cast<std::int16_t>(rect.x),
+                                          static_cast<std::int16_t>(rect.y), static_cast<std::uint16_t>(rect.width),
+                                          static_cast<std::uint16_t>(rect.height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP,
+                                          segment_, static_cast<std::uint32_t>(at)));
+      offsets.push_back(at);
+      if (at) offset += bytes;
+    }
+    for (std::size_t i = 0; i < rects.size(); ++i) {
+      if (own(xcb_shm_get_image_reply(connection_, cookies[i], nullptr))) use(rects[i], shm_ + offsets[i]);
+    }
+    return;
+  }
+  std::vector<xcb_get_image_cookie_t> cookies;
+  for (const auto& rect : rects) {
+    cookies.push_back(xcb_get_image(connection_, XCB_IMAGE_FORMAT_Z_PIXMAP, root_, static_cast<std::int16_t>(rect.x),
+                                    static_cast<std::int16_t>(rect.y), static_cast<std::uint16_t>(rect.width),
+                                    static_cast<std::uint16_t>(rect.height), ~0u));
+  }
+  for (std::size_t i = 0; i < rects.size(); ++i) {
+    auto reply = own(xcb_get_image_reply(connection_, cookies[i], nullptr));
+    if (!reply || xcb_get_image_data_length(reply.get()) < rects[i].width * rects[i].height * 4) continue;
+    use(rects[i], xcb_get_image_data(reply.get()));
+  }
+}
+
+void X11ScreenSource::Changes::add(const Rect& rect, int width, int height) {
+  if (whole) return;
+  rects.push_back(rect);
+  whole = (rect.width == width && rect.height == height) || rects.size() > 64;
+  if (whole) rects.clear();
+}
+
+void X11ScreenSource::Changes::add(const Changes& more, int width, int height) {
+  if (more.whole) *this = more;
+  for (const auto& rect : more.rects) add(rect, width, height);
+}
+
+bool X11ScreenSource::deliver() {
+  auto buffer = pool_->acquire();
+  if (!buffer) return false;
+  if (buffer->format() == platform::PixelFormat::BGRA) {
+    // A reused buffer lacks only what changed since it last held the screen.
+    auto [entry, isNew] = stale_.try_emplace(buffer.get());
+    auto& lacks = entry->second;
+    lacks.whole = lacks.whole || isNew;
+    lacks.add(changed_, width_, height_);
+    for (auto& [other, otherLacks] : stale_) {
+      if (other != buffer.get()) otherLacks.add(changed_, width_, height_);
+    }
+    const std::vector<Rect> whole{{0, 0, width_, height_}};
+    for (const auto& rect : lacks.whole ? whole : lacks.rects) {
+      copyRect(mirror_ + (static_cast<std::size_t>(rect.y) * width_ + rect.x) * 4, width_ * 4, rect,
+               buffer->mutablePlane(0), buffer->stride(0));
+    }
+    lacks = {};
+  } else {
+    convertBgraToNv12(mirror_, width_ * 4, width_, height_, *buffer);
+  }
+  changed_ = {};
+  sink_(platform::SampleBuffer(std::move(buffer), orientation_));
+  return true;
 }
 
 }  // namespace zephlo

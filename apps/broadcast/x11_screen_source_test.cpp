@@ -1,12 +1,16 @@
 #include "apps/broadcast/x11_screen_source.hpp"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
+#include <xcb/xcb.h>
 
+#include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <mutex>
 
+#include "apps/broadcast/broadcast_host.hpp"
 #include "apps/broadcast/canvas.hpp"
 #include "apps/broadcast/child_process.hpp"
 
@@ -23,71 +27,273 @@ std::string findProgram(const std::string& name) {
   return "";
 }
 
-// An Xvfb server on a free display number, with a black root window.
-class X11ScreenSourceTest : public ::testing::Test {
+Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
+  return Canvas(const_cast<platform::PixelBuffer&>(*sample.imageBuffer())).at(x, y);
+}
+
+// Copies of the samples a started source delivers, as they arrive. Like the
+// frame source, it holds the newest sample itself and lets the older go.
+class Samples {
+ public:
+  ScreenSource::Sink sink() {
+    return [this](const platform::SampleBuffer& sample) {
+      const auto& in = *sample.imageBuffer();
+      auto copy = platform::PixelBuffer::create(in.format(), in.width(), in.height());
+      for (int p = 0; p < in.planeCount(); ++p) {
+        std::memcpy(copy->mutablePlane(p), in.plane(p), static_cast<std::size_t>(in.stride(p)) * in.planeHeight(p));
+      }
+      std::lock_guard lock(mutex_);
+      newest_ = sample;
+      samples_.emplace_back(std::move(copy), sample.orientationAttachment());
+      arrived_.notify_all();
+    };
+  }
+  // The `n`th sample (from 1), once it has arrived; nothing after `timeout`.
+  std::optional<platform::SampleBuffer> await(std::size_t n, std::chrono::milliseconds timeout = 20s) {
+    std::unique_lock lock(mutex_);
+    if (!arrived_.wait_for(lock, timeout, [&] { return samples_.size() >= n; })) return std::nullopt;
+    return samples_[n - 1];
+  }
+  std::size_t count() {
+    std::lock_guard lock(mutex_);
+    return samples_.size();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable arrived_;
+  std::vector<platform::SampleBuffer> samples_;
+  platform::SampleBuffer newest_;
+};
+
+// An Xvfb server on a free display number, with a black root window and the
+// extensions the parameter leaves out disabled (or its screen in a file of a
+// directory of its own, for "-fbdir"), and a connection of its own to draw on
+// the root window with.
+class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::string>> {
  protected:
   void SetUp() override {
     const auto xvfb = findProgram("Xvfb");
     if (xvfb.empty()) GTEST_SKIP() << "Xvfb is not installed";
-    if (findProgram("xlogo").empty()) GTEST_SKIP() << "xlogo (x11-apps) is not installed";
     // Xvfb prints the display number it picked on stdout (-displayfd 1).
-    server_ = std::make_unique<testing::ChildProcess>(
-        xvfb, std::vector<std::string>{"-displayfd", "1", "-screen", "0", "320x240x24", "-nolisten", "tcp", "-br"});
+    std::vector<std::string> args{"-displayfd", "1", "-screen", "0", "320x240x24", "-nolisten", "tcp", "-br"};
+    args.insert(args.end(), GetParam().begin(), GetParam().end());
+    if (args.back() == "-fbdir") {
+      char dir[] = "/tmp/zephlo-xvfb-XXXXXX";
+      ASSERT_TRUE(::mkdtemp(dir));
+      args.push_back(fbdir_ = dir);
+    }
+    server_ = std::make_unique<testing::ChildProcess>(xvfb, args);
     ASSERT_TRUE(server_->waitForStdout([](const std::string& line) { return !line.empty(); }));
     display_ = ":" + server_->stdoutLines().front();
+    painter_ = xcb_connect(display_.c_str(), nullptr);
+    ASSERT_FALSE(xcb_connection_has_error(painter_));
+    root_ = xcb_setup_roots_iterator(xcb_get_setup(painter_)).data->root;
+  }
+  void TearDown() override {
+    if (painter_) xcb_disconnect(painter_);
+    if (!fbdir_.empty()) std::filesystem::remove_all(fbdir_);
   }
 
-  Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
-    return Canvas(const_cast<platform::PixelBuffer&>(*sample.imageBuffer())).at(x, y);
+  void fill(int x, int y, int width, int height, std::uint32_t rgb) {
+    const xcb_gcontext_t gc = xcb_generate_id(painter_);
+    xcb_create_gc(painter_, gc, root_, XCB_GC_FOREGROUND, &rgb);
+    const xcb_rectangle_t rect{static_cast<std::int16_t>(x), static_cast<std::int16_t>(y),
+                               static_cast<std::uint16_t>(width), static_cast<std::uint16_t>(height)};
+    xcb_poly_fill_rectangle(painter_, root_, gc, 1, &rect);
+    xcb_free_gc(painter_, gc);
+    std::free(xcb_get_input_focus_reply(painter_, xcb_get_input_focus(painter_), nullptr));  // drawn before we go on
   }
 
   std::unique_ptr<testing::ChildProcess> server_;
   std::string display_;
+  std::string fbdir_;
+  xcb_connection_t* painter_ = nullptr;
+  xcb_window_t root_ = 0;
 };
 
-TEST_F(X11ScreenSourceTest, AWindowDrawnOnTheScreenArrivesAndAnIdleScreenDeliversNothing) {
+// Each way of reading the screen delivers the screen, then what is drawn on it,
+// changing nothing else; DAMAGE delivers nothing while the screen is still.
+TEST_P(X11ScreenSourceTest, DeliversTheScreenAndWhatIsDrawnOnIt) {
+  std::string error;
+  auto source = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 6, 30, &error);
+  ASSERT_TRUE(source) << error;
+  const bool damage = GetParam() != std::vector<std::string>{"-extension", "DAMAGE"};
+  const bool shm = GetParam() != std::vector<std::string>{"-extension", "MIT-SHM"};
+  EXPECT_EQ(source->method(),
+            std::string(damage ? "DAMAGE" : "polling") + (shm ? " with MIT-SHM" : " with GetImage"));
+  fill(0, 0, 320, 240, 0x203040);
+  Samples samples;
+  source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
+
+  auto first = samples.await(1);
+  ASSERT_TRUE(first);
+  // The first sample may come before the fill reaches the screen; wait for it.
+  for (std::size_t n = 2; colourAt(*first, 300, 200) != Rgb{0x20, 0x30, 0x40}; ++n) {
+    first = samples.await(n);
+    ASSERT_TRUE(first) << "the filled screen never arrived";
+  }
+  EXPECT_EQ(first->imageBuffer()->width(), 320);
+  EXPECT_EQ(first->imageBuffer()->height(), 240);
+  EXPECT_EQ(first->orientationAttachment(), 6);
+  const std::size_t before = samples.count();
+  if (damage) {
+    EXPECT_FALSE(samples.await(before + 1, 1s)) << "a still screen delivered a sample";
+  }
+
+  fill(100, 80, 20, 10, 0xff0000);
+  auto changed = samples.await(before + 1);
+  ASSERT_TRUE(changed);
+  if (damage) {
+    EXPECT_FALSE(samples.await(before + 2, 500ms)) << "one change, one sample";
+  }
+  EXPECT_EQ(colourAt(*changed, 110, 85), (Rgb{255, 0, 0}));
+  // Every pixel outside the rectangle is as it was.
+  const auto& a = *first->imageBuffer();
+  const auto& b = *changed->imageBuffer();
+  int differing = 0;
+  for (int y = 0; y < 240; ++y) {
+    for (int x = 0; x < 320; ++x) {
+      const bool inside = x >= 100 && x < 120 && y >= 80 && y < 90;
+      const bool same = std::memcmp(a.plane(0) + y * a.stride(0) + 4 * x, b.plane(0) + y * b.stride(0) + 4 * x, 4) == 0;
+      differing += inside == same;
+    }
+  }
+  EXPECT_EQ(differing, 0);
+
+  // A window mapped by another client arrives too.
+  if (findProgram("xlogo").empty()) return;
+  testing::ChildProcess window(findProgram("xlogo"),
+                               {"-display", display_, "-geometry", "60x60+200+20", "-bg", "green", "-fg", "green"});
+  std::optional<platform::SampleBuffer> shown;
+  for (std::size_t n = samples.count() + 1; (shown = samples.await(n)); ++n) {
+    if (colourAt(*shown, 230, 50) == Rgb{0, 255, 0}) break;
+  }
+  ASSERT_TRUE(shown) << "the window never showed";
+  EXPECT_EQ(colourAt(*shown, 110, 85), (Rgb{255, 0, 0})) << "a reused buffer lost an earlier change";
+}
+
+INSTANTIATE_TEST_SUITE_P(Methods, X11ScreenSourceTest,
+                         ::testing::Values(std::vector<std::string>{}, std::vector<std::string>{"-extension", "DAMAGE"},
+                                           std::vector<std::string>{"-extension", "MIT-SHM"}),
+                         [](const auto& info) {
+                           return info.param.empty() ? std::string("DamageWithShm") : "No" + std::string(info.param[1] == "DAMAGE" ? "Damage" : "Shm");
+                         });
+
+class X11DesktopTest : public X11ScreenSourceTest {};
+
+// The desktop's scale comes from Xft.dpi, the samples follow the screen's size,
+// and the source ends when the display goes away.
+TEST_P(X11DesktopTest, TakesTheScaleFromXftDpiFollowsTheSizeAndEndsWhenTheDisplayGoes) {
+  std::string error;
+  auto plain = X11ScreenSource::open(display_, platform::PixelFormat::NV12, 1, 30, &error);
+  ASSERT_TRUE(plain) << error;
+  EXPECT_EQ(plain->desktopScale(), 1);
+  const std::string resources = "Xft.antialias:\t1\nXft.dpi:\t192\n";
+  xcb_change_property(painter_, XCB_PROP_MODE_REPLACE, root_, XCB_ATOM_RESOURCE_MANAGER, XCB_ATOM_STRING, 8,
+                      static_cast<std::uint32_t>(resources.size()), resources.data());
+  xcb_flush(painter_);
+  auto hidpi = X11ScreenSource::open(display_, platform::PixelFormat::NV12, 1, 30, &error);
+  ASSERT_TRUE(hidpi) << error;
+  EXPECT_EQ(hidpi->desktopScale(), 2);
+
+  Samples samples;
+  std::mutex mutex;
+  std::condition_variable endedCall;
+  std::optional<std::string> why;
+  hidpi->start(samples.sink(), [&](const std::string& line) {
+    std::lock_guard lock(mutex);
+    why = line;
+    endedCall.notify_all();
+  });
+  auto first = samples.await(1);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(first->imageBuffer()->format(), platform::PixelFormat::NV12);
+
+  // A smaller screen, as the server tells of it after a RandR change (which
+  // this Xvfb cannot make at run time): the samples follow it.
+  xcb_configure_notify_event_t configure{};
+  configure.response_type = XCB_CONFIGURE_NOTIFY;
+  configure.event = configure.window = root_;
+  configure.width = 200;
+  configure.height = 150;
+  xcb_send_event(painter_, 0, root_, XCB_EVENT_MASK_STRUCTURE_NOTIFY, reinterpret_cast<const char*>(&configure));
+  fill(0, 0, 10, 10, 0xffffff);
+  std::optional<platform::SampleBuffer> resized;
+  for (std::size_t n = 2; (resized = samples.await(n)); ++n) {
+    if (resized->imageBuffer()->width() == 200) break;
+  }
+  ASSERT_TRUE(resized) << "no sample at the new size";
+  EXPECT_EQ(resized->imageBuffer()->height(), 150);
+  server_.reset();
+  std::unique_lock lock(mutex);
+  EXPECT_TRUE(endedCall.wait_for(lock, 20s, [&] { return why.has_value(); }));
+  EXPECT_EQ(why, "The X11 display went away");
+}
+
+INSTANTIATE_TEST_SUITE_P(Default, X11DesktopTest, ::testing::Values(std::vector<std::string>{}));
+
+class X11MissedDamageTest : public X11ScreenSourceTest {};
+
+// A change the server reports no damage for (written straight into its screen
+// file here) still reaches the samples.
+TEST_P(X11MissedDamageTest, AChangeWithoutDamageStillArrives) {
   std::string error;
   auto source = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 1, 30, &error);
   ASSERT_TRUE(source) << error;
-  EXPECT_EQ(source->width(), 320);
-  EXPECT_EQ(source->height(), 240);
+  ASSERT_EQ(source->method(), "DAMAGE with MIT-SHM");
+  Samples samples;
+  source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
+  ASSERT_TRUE(samples.await(1));
 
-  auto first = source->sampleAt(0ms);
-  ASSERT_TRUE(first);
-  EXPECT_EQ(first->imageBuffer()->width(), 320);
-  const Rgb before = colourAt(*first, 60, 60);
-  EXPECT_EQ(before, (Rgb{0, 0, 0}));
-  EXPECT_FALSE(source->sampleAt(33ms)) << "nothing changed";
-  auto nv12 = X11ScreenSource::open(display_, platform::PixelFormat::NV12, 6, 30, &error);
-  ASSERT_TRUE(nv12) << error;
-  auto converted = nv12->sampleAt(0ms);
-  ASSERT_TRUE(converted);
-  EXPECT_EQ(converted->imageBuffer()->format(), platform::PixelFormat::NV12);
-  EXPECT_EQ(converted->orientationAttachment(), 6);
-
-  testing::ChildProcess window(findProgram("xlogo"),
-                               {"-display", display_, "-geometry", "100x100+20+20", "-bg", "red", "-fg", "red"});
-  // Grab until the window shows; each grab that finds no change delivers nothing.
-  std::optional<platform::SampleBuffer> changed;
-  const auto end = std::chrono::steady_clock::now() + 20s;
-  while (std::chrono::steady_clock::now() < end) {
-    if (auto sample = source->sampleAt(0ms)) {
-      if (colourAt(*sample, 60, 60) == Rgb{255, 0, 0}) {
-        changed = sample;
-        break;
-      }
-    }
-    std::this_thread::sleep_for(20ms);  // the pace of a capture thread, not a wait for an outcome
+  // An XWD dump: big-endian header words, then the colour map, then the rows.
+  std::fstream file(fbdir_ + "/Xvfb_screen0", std::ios::binary | std::ios::in | std::ios::out);
+  unsigned char header[0x50] = {};
+  file.read(reinterpret_cast<char*>(header), sizeof header);
+  const auto word = [&](int at) {
+    return std::streamoff{header[at]} << 24 | header[at + 1] << 16 | header[at + 2] << 8 | header[at + 3];
+  };
+  const std::streamoff pixels = word(0) + word(0x4c) * 12, rowBytes = word(0x30);
+  for (int y = 200; y < 210; ++y) {
+    file.seekp(pixels + y * rowBytes + 150 * 4);
+    for (int x = 0; x < 10; ++x) file.write("\0\0\xff\0", 4);  // red, in BGRA
   }
-  ASSERT_TRUE(changed) << "the red window never showed";
-  EXPECT_EQ(colourAt(*changed, 200, 200), (Rgb{0, 0, 0}));
-  EXPECT_EQ(colourAt(*changed, 0, 0), (Rgb{0, 0, 0}));
+  file.flush();
+  std::optional<platform::SampleBuffer> healed;
+  for (std::size_t n = 2; (healed = samples.await(n, 10s)); ++n) {
+    if (colourAt(*healed, 155, 205) == Rgb{255, 0, 0}) break;
+  }
+  EXPECT_TRUE(healed) << "the change never arrived";
 }
 
-TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefused) {
+INSTANTIATE_TEST_SUITE_P(FramebufferFile, X11MissedDamageTest,
+                         ::testing::Values(std::vector<std::string>{"-fbdir"}));
+
+TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefusedAndScreenNeedsADesktop) {
   std::string error;
   EXPECT_FALSE(X11ScreenSource::open(":987", platform::PixelFormat::BGRA, 1, 30, &error));
   EXPECT_NE(error.find(":987"), std::string::npos);
+
+  const char* display = std::getenv("DISPLAY");
+  const char* wayland = std::getenv("WAYLAND_DISPLAY");
+  const std::string savedDisplay = display ? display : "", savedWayland = wayland ? wayland : "";
+  ::unsetenv("DISPLAY");
+  ::unsetenv("WAYLAND_DISPLAY");
+  BroadcastOptions options;
+  options.source = SourceSpec{SourceKind::Screen, ""};
+  error.clear();
+  EXPECT_FALSE(makeScreenSource(options, &error));
+  EXPECT_NE(error.find("$WAYLAND_DISPLAY"), std::string::npos) << error;
+  EXPECT_NE(error.find("$DISPLAY"), std::string::npos) << error;
+  ::setenv("DISPLAY", ":987", 1);
+  EXPECT_FALSE(makeScreenSource(options, &error));
+  EXPECT_NE(error.find(":987"), std::string::npos) << "the screen is $DISPLAY's: " << error;
+  if (display) {
+    ::setenv("DISPLAY", savedDisplay.c_str(), 1);
+  } else {
+    ::unsetenv("DISPLAY");
+  }
+  if (wayland) ::setenv("WAYLAND_DISPLAY", savedWayland.c_str(), 1);
 }
 
 }  // namespace

@@ -16,7 +16,7 @@
 #include <string>
 
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::service {
 

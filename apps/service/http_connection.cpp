@@ -14,7 +14,7 @@
 #include "apps/service/service_hub.hpp"
 #include "apps/service/session_socket.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo::service {
 

@@ -6,11 +6,11 @@
 #include <string>
 
 #include <CLI/CLI.hpp>
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/signal_set.hpp>
 
 #include "apps/service/service_server.hpp"
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/platform/main_queue_internal.hpp"
 
 int main(int argc, char** argv) {
   CLI::App app{"Zephlo reference service: sessions, devices, control and stream sockets, agent console"};

@@ -22,7 +22,7 @@
 #include "apps/service/frame_stats.hpp"
 #include "apps/service/session_store.hpp"
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::service {
 

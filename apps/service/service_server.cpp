@@ -3,11 +3,12 @@
 #include <charconv>
 #include <vector>
 
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 
 #include "apps/service/http_connection.hpp"
 #include "apps/service/service_hub.hpp"
-#include "zephlo/platform/main_queue_internal.hpp"
+#include "zephlo/platform/main_queue.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 
 namespace zephlo::service {

@@ -8,7 +8,7 @@
 #include "apps/service/value_fields.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 #include "zephlo/socket/cbor_codec.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo::service {
 

@@ -34,7 +34,7 @@
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/websocket/stream.hpp>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::service {
 

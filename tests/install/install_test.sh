@@ -8,7 +8,7 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cmake --install "$build" --prefix "$work/prefix" >/dev/null
 test -f "$work/prefix/include/zephlo/platform/main_queue.hpp"
-test ! -e "$work/prefix/include/zephlo/platform/main_queue_internal.hpp"
+test ! -e "$work/prefix/include/zephlo/testing"
 test -z "$(find "$work/prefix/include" -name '*_test.cpp' -o -name '*_test.hpp')"
 
 cmake -S "$source/tests/install/consumer" -B "$work/cmake-build" -G Ninja \

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <utility>
 
-#include "zephlo/platform/fatal_error.hpp"
+#include "zephlo/base/fatal_error.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 
 namespace zephlo {
@@ -16,12 +16,12 @@ ZPHFrameLoop::ZPHFrameLoop(std::weak_ptr<ZPHFrameLoopDelegate> delegate) : deleg
 
 void ZPHFrameLoop::registerFrameLoopObserver(std::shared_ptr<ZPHFrameLoopObserver> observer) {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
-  if (observer) observers_.insert(std::move(observer));
+  observers_.add(std::move(observer));
 }
 
 void ZPHFrameLoop::removeFrameLoopObserver(const std::shared_ptr<ZPHFrameLoopObserver>& observer) {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
-  observers_.erase(observer);
+  observers_.remove(observer);
 }
 
 bool ZPHFrameLoop::isRunning() const {
@@ -95,8 +95,8 @@ FrameImage ZPHFrameLoop::newFrame() {
   if (!delegate || !delegate->shouldCaptureFrame()) return nullptr;
   if (!needsUpdate()) return nullptr;
 
-  // Observers may register or remove observers from inside their calls.
-  const auto observers = observers_;
+  // Both rounds go to the observers registered now.
+  const auto observers = observers_.snapshot();
   for (const auto& observer : observers) observer->willCaptureFrame();
   const double scale = delegate->scale();
   auto src = source();

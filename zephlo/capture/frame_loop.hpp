@@ -16,12 +16,12 @@
 #include <chrono>
 #include <functional>
 #include <memory>
-#include <set>
 
+#include "zephlo/base/observer_set.hpp"
 #include "zephlo/capture/frame_source.hpp"
 #include "zephlo/platform/bitmap.hpp"
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 
@@ -93,7 +93,7 @@ class ZPHFrameLoop : public std::enable_shared_from_this<ZPHFrameLoop> {
   explicit ZPHFrameLoop(std::weak_ptr<ZPHFrameLoopDelegate> delegate);
   void frameDidSend(bool ok);
 
-  std::set<std::shared_ptr<ZPHFrameLoopObserver>> observers_;
+  ObserverSet<ZPHFrameLoopObserver> observers_;
   // The bitmap bytes of the last frame handed on; null when the next frame must
   // go out whatever it shows.
   SharedBytes lastFrameData_;

@@ -106,14 +106,6 @@ TEST_F(ReplayKitFrameSourceTest, SidewaysOrientationsAreSwapped) {
   }
 }
 
-TEST_F(ReplayKitFrameSourceTest, OnlyTheNewestSampleIsRendered) {
-  feed(picture(60, 120, 0, false));
-  feed(picture(60, 120, 200, false));
-  auto frame = source.newFrame(0.25);
-  ASSERT_NE(frame, nullptr);
-  EXPECT_EQ(frame->at(0, frame->width() / 2, frame->height() / 2), 200);
-}
-
 TEST_F(ReplayKitFrameSourceTest, FactorThatIsNotAPositiveSizeRendersNothing) {
   const double scales[] = {0.0, -1.0, std::numeric_limits<double>::quiet_NaN(),
                            std::numeric_limits<double>::infinity(), 1e-6};

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

@@ -13,11 +13,11 @@
 
 #include "zephlo/core/keychain.hpp"
 #include "zephlo/core/request.hpp"
-#include "zephlo/extension/device_info.hpp"
+#include "zephlo/core/device_info.hpp"
 #include "zephlo/platform/log.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 #include "zephlo/socket/cbor_socket.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo {
 

@@ -25,7 +25,7 @@
 
 #include "zephlo/core/rest_resource.hpp"
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

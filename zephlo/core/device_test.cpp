@@ -8,7 +8,7 @@
 
 #include "zephlo/core/json.hpp"
 #include "zephlo/core/keychain.hpp"
-#include "zephlo/extension/device_info.hpp"
+#include "zephlo/core/device_info.hpp"
 #include "zephlo/platform/bundle.hpp"
 #include "zephlo/platform/keychain_store.hpp"
 #include "zephlo/testing/http_test_server.hpp"

@@ -1,6 +1,6 @@
 #include "zephlo/core/json.hpp"
 
-#include "zephlo/socket/utf8.hpp"
+#include "zephlo/base/utf8.hpp"
 
 #include <boost/json/basic_parser_impl.hpp>
 

@@ -1,6 +1,6 @@
 #include "zephlo/core/keychain.hpp"
 
-#include "zephlo/socket/utf8.hpp"
+#include "zephlo/base/utf8.hpp"
 
 #include <cstdint>
 

@@ -7,7 +7,7 @@
 #include "zephlo/platform/bundle.hpp"
 #include "zephlo/platform/main_queue.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo {
 

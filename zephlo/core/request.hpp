@@ -19,10 +19,10 @@
 #include <memory>
 #include <string>
 
-#include "zephlo/core/error.hpp"
+#include "zephlo/base/error.hpp"
 #include "zephlo/platform/http_client.hpp"
 #include "zephlo/platform/url_request.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "zephlo/core/request.hpp"
-#include "zephlo/platform/fatal_error.hpp"
+#include "zephlo/base/fatal_error.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 
 namespace zephlo {

@@ -25,8 +25,8 @@
 #include <string>
 #include <string_view>
 
-#include "zephlo/core/error.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/error.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

@@ -60,21 +60,11 @@ class ZPHRESTResourceTest : public testing::MainQueueTest {
   HttpTestServer server_;
 };
 
-TEST_F(ZPHRESTResourceTest, NewResourceIsAnEmptyMap) {
+TEST_F(ZPHRESTResourceTest, NewResourceIsAnEmptyMapAndIdReadsTextOrIntegerIds) {
   const auto thing = std::make_shared<ZPHRESTResource>();
   EXPECT_EQ(thing->resource(), Value(ValueMap{}));
-  EXPECT_TRUE(thing->field("id").isNull());
   EXPECT_FALSE(thing->id());
   EXPECT_EQ(thing->url(), "");
-
-  ZPHRESTResource::setBaseUrl("http://api.example");
-  EXPECT_EQ(ZPHRESTResource::baseUrl(), "http://api.example");
-  ZPHRESTResource::setBaseUrl(std::nullopt);
-  EXPECT_FALSE(ZPHRESTResource::baseUrl());
-}
-
-TEST_F(ZPHRESTResourceTest, IdReadsTextOrIntegerIds) {
-  const auto thing = std::make_shared<ZPHRESTResource>();
   const std::pair<Value, std::optional<std::string>> cases[] = {
       {"s-1", "s-1"}, {42, "42"}, {std::uint64_t{18446744073709551615ull}, "18446744073709551615"},
       {1.5, std::nullopt}, {nullptr, std::nullopt}, {ValueMap{}, std::nullopt}};
@@ -131,14 +121,6 @@ TEST_F(ZPHRESTResourceTest, DeleteRepliesReplaceTheResource) {
 
   thing->cleanup();
   EXPECT_EQ(thing->resource(), Value(ValueMap{}));
-}
-
-TEST_F(ZPHRESTResourceTest, FetchWithoutCallbackStillUpdates) {
-  server_.route("GET", "/t", Response::json(200, R"({"id":"t","n":3})"));
-  const auto thing = std::make_shared<Thing>(server_.url("/t"));
-  thing->fetch(nullptr);
-  ASSERT_TRUE(queue().runUntil([&] { return thing->field("n") == Value(3); }));
-  EXPECT_EQ(thing->id(), "t");
 }
 
 TEST_F(ZPHRESTResourceTest, CallInFlightKeepsItsResourceAlive) {

@@ -4,9 +4,9 @@
 #include <utility>
 
 #include "zephlo/core/device.hpp"
-#include "zephlo/extension/device_info.hpp"
+#include "zephlo/core/device_info.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo {
 
@@ -108,12 +108,12 @@ void ZPHSession::fullDevice(bool value, SessionCallback callback) {
 
 void ZPHSession::registerSessionObserver(std::shared_ptr<ZPHSessionObserver> observer) {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
-  if (observer) observers_.insert(std::move(observer));
+  observers_.add(std::move(observer));
 }
 
 void ZPHSession::removeSessionObserver(const std::shared_ptr<ZPHSessionObserver>& observer) {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
-  observers_.erase(observer);
+  observers_.remove(observer);
 }
 
 void ZPHSession::cleanup() {
@@ -168,9 +168,9 @@ OptionalError ZPHSession::updateResource(const Value& value) {
   setResource(value);
   const bool didEnd = !wasEnded && isEnded();
 
-  // A snapshot, so observers may register or remove observers (themselves too)
-  // while being told; the change applies from the next update.
-  const std::vector<std::shared_ptr<ZPHSessionObserver>> snapshot(observers_.begin(), observers_.end());
+  // One snapshot for both rounds: an observer added by an update hears of the
+  // next one.
+  const auto snapshot = observers_.snapshot();
   const auto self = std::static_pointer_cast<ZPHSession>(shared_from_this());
   for (const auto& observer : snapshot) observer->sessionDidUpdate(self);
   if (didEnd)

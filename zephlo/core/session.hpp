@@ -21,14 +21,14 @@
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "zephlo/core/agent.hpp"
-#include "zephlo/core/error.hpp"
+#include "zephlo/base/error.hpp"
+#include "zephlo/base/observer_set.hpp"
 #include "zephlo/core/rest_resource.hpp"
 #include "zephlo/events/redaction_selector.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 
@@ -126,7 +126,7 @@ class ZPHSession : public ZPHRESTResource {
   explicit ZPHSession(PrivateTag);
 
  private:
-  std::unordered_set<std::shared_ptr<ZPHSessionObserver>> observers_;
+  ObserverSet<ZPHSessionObserver> observers_;
 };
 
 }  // namespace zephlo

@@ -14,7 +14,7 @@
 
 #include "zephlo/events/atomic_field.hpp"
 #include "zephlo/events/geometry.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::events_internal {
 

@@ -10,7 +10,7 @@
 #include <string>
 
 #include "zephlo/events/atomic_field.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

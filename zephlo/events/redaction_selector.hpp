@@ -12,7 +12,7 @@
 
 #include "zephlo/events/atomic_field.hpp"
 #include "zephlo/events/redaction_selector_part.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

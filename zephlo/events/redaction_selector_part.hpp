@@ -15,7 +15,7 @@
 #include <string_view>
 
 #include "zephlo/events/atomic_field.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

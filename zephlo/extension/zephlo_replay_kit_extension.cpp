@@ -6,7 +6,7 @@
 #include "zephlo/core/keychain.hpp"
 #include "zephlo/core/request.hpp"
 #include "zephlo/core/rest_resource.hpp"
-#include "zephlo/extension/device_info.hpp"
+#include "zephlo/core/device_info.hpp"
 #include "zephlo/platform/log.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 

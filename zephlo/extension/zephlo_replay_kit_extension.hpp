@@ -40,7 +40,7 @@
 
 #include "zephlo/capture/frame_loop.hpp"
 #include "zephlo/capture/replay_kit_frame_source.hpp"
-#include "zephlo/core/error.hpp"
+#include "zephlo/base/error.hpp"
 #include "zephlo/core/session.hpp"
 #include "zephlo/platform/main_queue.hpp"
 #include "zephlo/platform/rp_broadcast_sample_handler.hpp"

@@ -14,7 +14,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::platform {
 

@@ -9,7 +9,7 @@
 #include <string_view>
 #include <vector>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::platform {
 

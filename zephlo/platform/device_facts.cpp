@@ -1,6 +1,6 @@
 #include "zephlo/platform/device_facts.hpp"
 
-#include "zephlo/socket/utf8.hpp"
+#include "zephlo/base/utf8.hpp"
 
 #include <sys/utsname.h>
 

@@ -11,58 +11,46 @@
 #include <mutex>
 #include <thread>
 
-#include "zephlo/platform/fatal_error.hpp"
+#include "zephlo/base/error.hpp"
+#include "zephlo/base/fatal_error.hpp"
 
 namespace zephlo::platform {
 
 namespace {
 
-// The phone platform's URL-loading codes (mirrored in zephlo/core/error.hpp).
-constexpr std::int64_t kUnknown = -1;
-constexpr std::int64_t kBadURL = -1000;
-constexpr std::int64_t kTimedOut = -1001;
-constexpr std::int64_t kUnsupportedURL = -1002;
-constexpr std::int64_t kCannotFindHost = -1003;
-constexpr std::int64_t kCannotConnectToHost = -1004;
-constexpr std::int64_t kNetworkConnectionLost = -1005;
-constexpr std::int64_t kTooManyRedirects = -1007;
-constexpr std::int64_t kBadServerResponse = -1011;
-constexpr std::int64_t kSecureConnectionFailed = -1200;
-constexpr std::int64_t kServerCertificateUntrusted = -1202;
-
 constexpr long kMaxRedirects = 16;
 
 TransportError transportError(CURLcode code, const char* detail) {
-  std::int64_t mapped = kUnknown;
+  std::int64_t mapped = kURLErrorUnknown;
   const char* text = "An unknown error occurred.";
   switch (code) {
     case CURLE_URL_MALFORMAT:
-      mapped = kBadURL;
+      mapped = kURLErrorBadURL;
       text = "The URL is not valid.";
       break;
     case CURLE_UNSUPPORTED_PROTOCOL:
-      mapped = kUnsupportedURL;
+      mapped = kURLErrorUnsupportedURL;
       text = "The URL is not supported.";
       break;
     case CURLE_COULDNT_RESOLVE_HOST:
     case CURLE_COULDNT_RESOLVE_PROXY:
-      mapped = kCannotFindHost;
+      mapped = kURLErrorCannotFindHost;
       text = "A server with the specified hostname could not be found.";
       break;
     case CURLE_COULDNT_CONNECT:
-      mapped = kCannotConnectToHost;
+      mapped = kURLErrorCannotConnectToHost;
       text = "Could not connect to the server.";
       break;
     case CURLE_OPERATION_TIMEDOUT:
-      mapped = kTimedOut;
+      mapped = kURLErrorTimedOut;
       text = "The request timed out.";
       break;
     case CURLE_TOO_MANY_REDIRECTS:
-      mapped = kTooManyRedirects;
+      mapped = kURLErrorHTTPTooManyRedirects;
       text = "Too many HTTP redirects.";
       break;
     case CURLE_PEER_FAILED_VERIFICATION:
-      mapped = kServerCertificateUntrusted;
+      mapped = kURLErrorServerCertificateUntrusted;
       text = "The certificate for this server is invalid.";
       break;
     case CURLE_SSL_CONNECT_ERROR:
@@ -75,7 +63,7 @@ TransportError transportError(CURLcode code, const char* detail) {
     case CURLE_SSL_SHUTDOWN_FAILED:
     case CURLE_SSL_CRL_BADFILE:
     case CURLE_SSL_ISSUER_ERROR:
-      mapped = kSecureConnectionFailed;
+      mapped = kURLErrorSecureConnectionFailed;
       text = "A TLS error occurred and a secure connection to the server cannot be made.";
       break;
     case CURLE_GOT_NOTHING:
@@ -84,12 +72,12 @@ TransportError transportError(CURLcode code, const char* detail) {
     case CURLE_PARTIAL_FILE:
     case CURLE_HTTP2:
     case CURLE_HTTP2_STREAM:
-      mapped = kNetworkConnectionLost;
+      mapped = kURLErrorNetworkConnectionLost;
       text = "The network connection was lost.";
       break;
     case CURLE_WEIRD_SERVER_REPLY:
     case CURLE_BAD_CONTENT_ENCODING:
-      mapped = kBadServerResponse;
+      mapped = kURLErrorBadServerResponse;
       text = "The server returned a bad response.";
       break;
     default:
@@ -277,7 +265,7 @@ struct HttpClient::Core {
     if (!t->configure()) {
       auto completion = std::move(t->completion);
       HttpResult result;
-      result.error = TransportError{kUnknown, "An unknown error occurred. (no transfer handle)"};
+      result.error = TransportError{kURLErrorUnknown, "An unknown error occurred. (no transfer handle)"};
       completion(std::move(result));
       return;
     }

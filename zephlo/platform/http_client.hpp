@@ -44,7 +44,7 @@ struct HTTPResponse {
 };
 
 // A transfer that produced no usable response. The codes are the phone
-// platform's URL-loading codes (see zephlo/core/error.hpp).
+// platform's URL-loading codes (see zephlo/base/error.hpp).
 struct TransportError {
   std::int64_t code = -1;
   std::string description;

@@ -29,6 +29,9 @@ namespace {
 constexpr int kAlignment = 64;
 // Scalers kept for geometries seen recently; a broadcast uses one or two.
 constexpr std::size_t kMaxScalers = 4;
+// Rows of the box-shrunk picture handed to the scaler at a time (even, for the
+// chroma rows): only a band of it is ever held.
+constexpr int kShrunkBandRows = 16;
 // swscale's chroma position, in 1/256 of a luma sample: half way between two.
 constexpr std::int64_t kCentredChroma = 128;
 
@@ -86,6 +89,12 @@ class BandSums {
     blocks_ = divideRoundingUp(width, k);
     lastColumns_ = width - (blocks_ - 1) * k;
     for (auto& channel : sums_) channel.resize(static_cast<std::size_t>(blocks_));
+    if (k == 1 && rows == 1) {
+      // Shrinks under 2 * kLanczosReduction, a 1920x1080 screen to half size
+      // among them: one-pixel blocks, the channels only split apart.
+      split(src, width);
+      return;
+    }
     const std::size_t samples = static_cast<std::size_t>(width) * kChannels;
     columns_.resize(samples);
     std::uint16_t* columns = columns_.data();
@@ -115,6 +124,13 @@ class BandSums {
   const std::uint32_t* channel(int c) const { return sums_[static_cast<std::size_t>(c)].data(); }
 
  private:
+  ZEPHLO_VECTOR_LOOPS void split(const std::uint8_t* src, int width) {
+    for (int c = 0; c < kUsed; ++c) {
+      std::uint32_t* __restrict out = sums_[static_cast<std::size_t>(c)].data();
+      for (int x = 0; x < width; ++x) out[x] = src[x * kChannels + c];
+    }
+  }
+
   template <int K>
   ZEPHLO_VECTOR_LOOPS void sumBlocks(int first, int end) {
     const std::uint16_t* columns = columns_.data();
@@ -192,21 +208,24 @@ struct JfifWeights {
         crb(fixedWeight(-0.081312, area)) {}
 };
 
-// Box-shrinks NV12 by k into 4:2:0 planes: each plane's blocks averaged.
+// Box-shrinks NV12 by k into 4:2:0 planes: each plane's blocks averaged. Writes
+// the band of the shrunk picture from row `first` (even) that `out` holds.
 class Nv12Shrinker {
  public:
-  void shrink(const PixelBuffer& in, int k, Planes& out) {
-    for (int by = 0; by < out.height[0]; ++by) {
+  void shrink(const PixelBuffer& in, int k, int first, Planes& out) {
+    for (int y = 0; y < out.height[0]; ++y) {
+      const int by = first + y;
       const int rows = std::min(k, in.height() - by * k);
       luma_.sum(in.plane(0) + static_cast<std::ptrdiff_t>(by) * k * in.stride(0), in.stride(0), in.width(), rows, k);
-      writeMeans(luma_, 0, out.data[0] + static_cast<std::ptrdiff_t>(by) * out.stride[0]);
+      writeMeans(luma_, 0, out.data[0] + static_cast<std::ptrdiff_t>(y) * out.stride[0]);
     }
-    for (int by = 0; by < out.height[1]; ++by) {
+    for (int y = 0; y < out.height[1]; ++y) {
+      const int by = first / 2 + y;
       const int rows = std::min(k, in.planeHeight(1) - by * k);
       chroma_.sum(in.plane(1) + static_cast<std::ptrdiff_t>(by) * k * in.stride(1), in.stride(1), in.planeWidth(1),
                   rows, k);
-      writeMeans(chroma_, 0, out.data[1] + static_cast<std::ptrdiff_t>(by) * out.stride[1]);
-      writeMeans(chroma_, 1, out.data[2] + static_cast<std::ptrdiff_t>(by) * out.stride[2]);
+      writeMeans(chroma_, 0, out.data[1] + static_cast<std::ptrdiff_t>(y) * out.stride[1]);
+      writeMeans(chroma_, 1, out.data[2] + static_cast<std::ptrdiff_t>(y) * out.stride[2]);
     }
   }
 
@@ -217,18 +236,19 @@ class Nv12Shrinker {
 
 // Box-shrinks BGRA by k into JFIF YCbCr 4:2:0 planes: luma from each k×k block,
 // chroma from each 2k×2k block (the four blocks around its position), so the
-// Lanczos step gets chroma at a quarter of the samples, as from NV12.
+// Lanczos step gets chroma at a quarter of the samples, as from NV12. Writes the
+// band of the shrunk picture from row `first` (even) that `out` holds.
 class BgraShrinker {
  public:
-  void shrink(const PixelBuffer& in, int k, Planes& out) {
+  void shrink(const PixelBuffer& in, int k, int first, Planes& out) {
     for (int cy = 0; cy < out.height[1]; ++cy) {
       int bands = 0;
       for (; bands < 2 && 2 * cy + bands < out.height[0]; ++bands) {
-        const int by = 2 * cy + bands;
+        const int by = first + 2 * cy + bands;
         const int rows = std::min(k, in.height() - by * k);
         bands_[bands].sum(in.plane(0) + static_cast<std::ptrdiff_t>(by) * k * in.stride(0), in.stride(0), in.width(),
                           rows, k);
-        writeLuma(bands_[bands], out.data[0] + static_cast<std::ptrdiff_t>(by) * out.stride[0]);
+        writeLuma(bands_[bands], out.data[0] + static_cast<std::ptrdiff_t>(2 * cy + bands) * out.stride[0]);
       }
       writeChroma(bands, out.data[1] + static_cast<std::ptrdiff_t>(cy) * out.stride[1],
                   out.data[2] + static_cast<std::ptrdiff_t>(cy) * out.stride[2], out.width[1]);
@@ -408,42 +428,36 @@ std::unique_ptr<Bitmap> ImageRenderer::render(const Image& image) {
                                     static_cast<double>(in.height()) / scaled.height);
   const int k = std::clamp(static_cast<int>(reduction / kLanczosReduction), 1, kMaxBoxShrink);
 
-  const std::uint8_t* source[4] = {nullptr, nullptr, nullptr, nullptr};
-  int sourceStride[4] = {0, 0, 0, 0};
-  AVPixelFormat format;
-  int sourceWidth, sourceHeight;
-  if (in.format() == PixelFormat::NV12 && k == 1) {
-    format = AV_PIX_FMT_NV12;
-    sourceWidth = in.width();
-    sourceHeight = in.height();
-    for (int p = 0; p < 2; ++p) {
-      source[p] = in.plane(p);
-      sourceStride[p] = in.stride(p);
-    }
-  } else {
-    format = AV_PIX_FMT_YUV420P;
-    sourceWidth = divideRoundingUp(in.width(), k);
-    sourceHeight = divideRoundingUp(in.height(), k);
-    Planes shrunk;
-    shrunk.layOut(impl_->shrunkScratch, sourceWidth, sourceHeight);
-    if (in.format() == PixelFormat::NV12) {
-      impl_->nv12Shrinker.shrink(in, k, shrunk);
-    } else {
-      impl_->bgraShrinker.shrink(in, k, shrunk);
-    }
-    for (int p = 0; p < 3; ++p) {
-      source[p] = shrunk.data[p];
-      sourceStride[p] = shrunk.stride[p];
-    }
-  }
-
+  const bool shrinks = in.format() != PixelFormat::NV12 || k > 1;
+  const AVPixelFormat format = shrinks ? AV_PIX_FMT_YUV420P : AV_PIX_FMT_NV12;
+  const int sourceWidth = divideRoundingUp(in.width(), k);
+  const int sourceHeight = divideRoundingUp(in.height(), k);
   SwsContext* context = impl_->scaler(format, sourceWidth, sourceHeight, scaled.width, scaled.height);
   if (!context) return nullptr;
   Planes out;
   out.layOut(impl_->scaledScratch, scaled.width, scaled.height);
-  if (sws_scale(context, source, sourceStride, 0, sourceHeight, out.data, out.stride) != scaled.height) {
-    return nullptr;
+
+  int scaledRows = 0;
+  if (!shrinks) {
+    const std::uint8_t* source[4] = {in.plane(0), in.plane(1), nullptr, nullptr};
+    const int sourceStride[4] = {in.stride(0), in.stride(1), 0, 0};
+    scaledRows = sws_scale(context, source, sourceStride, 0, sourceHeight, out.data, out.stride);
+  } else {
+    // The scaler takes the shrunk picture a band at a time, top to bottom.
+    for (int first = 0; first < sourceHeight; first += kShrunkBandRows) {
+      Planes band;
+      band.layOut(impl_->shrunkScratch, sourceWidth, std::min(kShrunkBandRows, sourceHeight - first));
+      if (in.format() == PixelFormat::NV12) {
+        impl_->nv12Shrinker.shrink(in, k, first, band);
+      } else {
+        impl_->bgraShrinker.shrink(in, k, first, band);
+      }
+      const int rows = sws_scale(context, band.data, band.stride, first, band.height[0], out.data, out.stride);
+      if (rows < 0) return nullptr;
+      scaledRows += rows;
+    }
   }
+  if (scaledRows != scaled.height) return nullptr;
 
   auto bitmap = Bitmap::create(extent.width, extent.height);
   if (!bitmap) return nullptr;

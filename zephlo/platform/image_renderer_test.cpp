@@ -153,25 +153,6 @@ TEST(ImageRendererTest, BgraAndNv12OfOnePictureRenderAlike) {
   }
 }
 
-TEST(ImageRendererTest, FullRangeValuesPassThroughUnchanged) {
-  // Black and white halves keep both ends of the full range (no studio-range
-  // squeeze), on the direct path (half size) and the box-shrink path (a tenth).
-  auto bgra = drawBgra(400, 200, [](int x, int) { return x < 200 ? Bgr{0, 0, 0} : Bgr{255, 255, 255}; });
-  ImageRenderer renderer;
-  for (const auto& buffer : {bgra, PixelBuffer::nv12From(*bgra)}) {
-    for (double scale : {0.5, 0.1}) {
-      SCOPED_TRACE(scale);
-      auto bitmap = renderer.render(Image(buffer).byApplyingLanczosScale(scale));
-      ASSERT_NE(bitmap, nullptr);
-      const int mid = bitmap->height() / 2;
-      EXPECT_EQ(bitmap->at(0, 0, mid), 0);
-      EXPECT_EQ(bitmap->at(0, bitmap->width() - 1, mid), 255);
-      EXPECT_EQ(bitmap->at(1, 0, mid / 2), 128);
-      EXPECT_EQ(bitmap->at(2, bitmap->planeWidth(2) - 1, mid / 2), 128);
-    }
-  }
-}
-
 TEST(ImageRendererTest, BlocksCutShortAtTheEdgesKeepTheirColour) {
   // Sizes that are no multiple of the box shrink leave partial edge blocks; a
   // flat colour must stay flat to the last pixel of every plane.

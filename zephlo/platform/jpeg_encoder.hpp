@@ -7,7 +7,7 @@
 #pragma once
 
 #include "zephlo/platform/bitmap.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::platform {
 

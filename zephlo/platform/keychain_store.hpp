@@ -28,7 +28,7 @@
 #include <string_view>
 #include <vector>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 struct sqlite3;
 

@@ -5,12 +5,12 @@
 #include <thread>
 #include <utility>
 
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
 
-#include "zephlo/platform/fatal_error.hpp"
-#include "zephlo/platform/main_queue_internal.hpp"
+#include "zephlo/base/fatal_error.hpp"
 
 namespace zephlo::platform {
 

@@ -16,6 +16,10 @@
 #include <functional>
 #include <memory>
 
+namespace boost::asio {
+class io_context;
+}  // namespace boost::asio
+
 namespace zephlo::platform {
 
 using Duration = std::chrono::nanoseconds;
@@ -125,5 +129,11 @@ inline void async(std::function<void()> fn) { MainQueue::shared().async(std::mov
 inline WorkItemPtr after(Duration delay, std::function<void()> fn) {
   return MainQueue::shared().after(delay, std::move(fn));
 }
+
+// The event loop the main queue runs, for code that does its own network I/O on
+// the main queue (the WebSocket client, the reference service, test servers).
+// Handlers posted to it run on the main queue's thread; include
+// <boost/asio/io_context.hpp> to use it.
+boost::asio::io_context& ioContext();
 
 }  // namespace zephlo::platform

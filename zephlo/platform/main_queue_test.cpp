@@ -28,17 +28,6 @@ TEST_F(MainQueueTest, AdvanceRunsDueItemsInDeadlineOrderAtTheirOwnTime) {
   EXPECT_EQ(now(), 34ms);
 }
 
-TEST_F(MainQueueTest, ItemsScheduledWhileAdvancingRunWithinTheSameAdvance) {
-  std::vector<Duration> ran;
-  std::function<void()> tick = [&] {
-    ran.push_back(now());
-    if (ran.size() < 4) after(25ms, tick);
-  };
-  after(0ms, tick);
-  advance(100ms);
-  EXPECT_EQ(ran, (std::vector<Duration>{0ms, 25ms, 50ms, 75ms}));
-}
-
 TEST_F(MainQueueTest, CancelledItemsNeverRunAndReleaseWhatTheyHoldButCancellingARunningOneDoesNothing) {
   auto held = std::make_shared<int>(7);
   std::weak_ptr<int> watch = held;

@@ -40,28 +40,5 @@ TEST(PixelBufferTest, RefusesSizesItCannotHold) {
   }
 }
 
-TEST(PixelBufferTest, Nv12FromBgraCarriesJfifYCbCr) {
-  const struct {
-    std::uint8_t b, g, r;
-    int y, cb, cr;
-  } colours[] = {{0, 0, 255, 76, 85, 255}, {255, 255, 255, 255, 128, 128}, {0, 0, 0, 0, 128, 128},
-                 {255, 0, 0, 29, 255, 107}};
-  for (const auto& c : colours) {
-    auto bgra = PixelBuffer::create(PixelFormat::BGRA, 3, 3);
-    for (int y = 0; y < 3; ++y)
-      for (int x = 0; x < 3; ++x) {
-        std::uint8_t* px = bgra->mutablePlane(0) + y * bgra->stride(0) + 4 * x;
-        px[0] = c.b, px[1] = c.g, px[2] = c.r, px[3] = 255;
-      }
-    auto nv12 = PixelBuffer::nv12From(*bgra);
-    ASSERT_NE(nv12, nullptr);
-    EXPECT_EQ(nv12->plane(0)[nv12->stride(0) * 2 + 2], c.y);
-    // The odd edge pair averages only the pixels that exist.
-    EXPECT_EQ(nv12->plane(1)[nv12->stride(1) + 2], c.cb);
-    EXPECT_EQ(nv12->plane(1)[nv12->stride(1) + 3], c.cr);
-  }
-  EXPECT_EQ(PixelBuffer::nv12From(*PixelBuffer::create(PixelFormat::NV12, 4, 4)), nullptr);
-}
-
 }  // namespace
 }  // namespace zephlo::platform

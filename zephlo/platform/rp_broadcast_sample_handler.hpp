@@ -22,9 +22,9 @@
 #include <functional>
 #include <memory>
 
-#include "zephlo/core/error.hpp"
+#include "zephlo/base/error.hpp"
 #include "zephlo/platform/sample_buffer.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::platform {
 

@@ -1,5 +1,6 @@
-// Screen: the main screen's size in points and its pixel scale, set once by the
-// host before the extension starts and read on the main queue.
+// Screen: the main screen's size in points and its pixel scale, set by the host
+// before the extension starts (and, for a desktop's screen, on the main queue
+// when its size changes); read on the main queue.
 #pragma once
 
 namespace zephlo::platform {

@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <utility>
 
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl.hpp>
@@ -16,7 +17,6 @@
 #include <boost/beast/websocket/ssl.hpp>
 
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/platform/main_queue_internal.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 
 namespace zephlo::platform {
@@ -110,7 +110,7 @@ std::shared_ptr<ssl::context> makeTlsContext(boost::system::error_code& ec) {
 
 struct PendingWrite {
   Bytes message;
-  std::function<void()> completion;
+  std::function<void(bool)> completion;
 };
 
 }  // namespace
@@ -122,7 +122,7 @@ class WebSocketClient::Connection : public std::enable_shared_from_this<Connecti
   virtual ~Connection() = default;
   virtual void connect() = 0;
   virtual void disconnect(std::uint16_t closeCode) = 0;
-  virtual void write(Bytes message, std::function<void()> completion) = 0;
+  virtual void write(Bytes message, std::function<void(bool)> completion) = 0;
   virtual void writePing() = 0;
   virtual bool isConnected() const = 0;
   // The handle is gone: no callbacks any more, close at once.
@@ -177,9 +177,9 @@ class StreamConnection final : public WebSocketClient::Connection {
     }
   }
 
-  void write(Bytes message, std::function<void()> completion) override {
+  void write(Bytes message, std::function<void(bool)> completion) override {
     if (state_ != State::Opening && state_ != State::Open) {
-      if (completion) MainQueue::shared().async(std::move(completion));
+      if (completion) MainQueue::shared().async([completion = std::move(completion)] { completion(false); });
       return;
     }
     writes_.push_back({std::move(message), std::move(completion)});
@@ -339,7 +339,7 @@ class StreamConnection final : public WebSocketClient::Connection {
     writing_ = false;
     auto done = std::move(writes_.front());
     writes_.pop_front();
-    if (done.completion) done.completion();
+    if (done.completion) done.completion(!ec);
     if (failed(ec)) return;
     startWrite();
   }
@@ -374,7 +374,7 @@ class StreamConnection final : public WebSocketClient::Connection {
       pending.pop_front();
     }
     for (auto& w : pending)
-      if (w.completion) w.completion();
+      if (w.completion) w.completion(false);
     auto onDisconnect = std::move(callbacks_.onDisconnect);
     callbacks_ = {};
     if (onDisconnect) onDisconnect(error);
@@ -409,8 +409,8 @@ class FailedConnection final : public WebSocketClient::Connection {
     });
   }
   void disconnect(std::uint16_t) override {}
-  void write(Bytes, std::function<void()> completion) override {
-    if (completion) MainQueue::shared().async(std::move(completion));
+  void write(Bytes, std::function<void(bool)> completion) override {
+    if (completion) MainQueue::shared().async([completion = std::move(completion)] { completion(false); });
   }
   void writePing() override {}
   bool isConnected() const override { return false; }
@@ -464,7 +464,7 @@ void WebSocketClient::disconnect(std::uint16_t closeCode) {
 
 bool WebSocketClient::isConnected() const { return connection_->isConnected(); }
 
-void WebSocketClient::write(Bytes message, std::function<void()> completion) {
+void WebSocketClient::write(Bytes message, std::function<void(bool)> completion) {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
   connection_->write(std::move(message), std::move(completion));
 }

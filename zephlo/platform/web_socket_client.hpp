@@ -25,7 +25,7 @@
 #include <string_view>
 
 #include "zephlo/platform/url_request.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::platform {
 
@@ -56,10 +56,10 @@ class WebSocketClient {
   void disconnect(std::uint16_t closeCode = kNormalClosure);
   bool isConnected() const;
 
-  // Queues one binary message. `completion` runs exactly once: when the message
-  // has been written, or when it cannot be any more (write error, connection
-  // closed or never opened). Writes go out one at a time, in order.
-  void write(Bytes message, std::function<void()> completion = nullptr);
+  // Queues one binary message. `completion` runs exactly once: with true when the
+  // message has been written, with false when it cannot be any more (write error,
+  // connection closed or never opened). Writes go out one at a time, in order.
+  void write(Bytes message, std::function<void(bool written)> completion = nullptr);
   // Sends a ping frame with an empty payload. Ignored when not connected or while
   // an earlier ping is still being written.
   void writePing();

@@ -8,8 +8,8 @@
 #include <utility>
 #include <variant>
 
-#include "zephlo/platform/fatal_error.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/fatal_error.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo::cbor {
 

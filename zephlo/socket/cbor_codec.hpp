@@ -18,7 +18,7 @@
 #include <string>
 #include <string_view>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::cbor {
 

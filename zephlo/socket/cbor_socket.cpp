@@ -5,12 +5,12 @@
 #include <random>
 #include <utility>
 
-#include "zephlo/platform/fatal_error.hpp"
+#include "zephlo/base/fatal_error.hpp"
 #include "zephlo/platform/log.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 #include "zephlo/platform/web_socket_client.hpp"
 #include "zephlo/socket/cbor_codec.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo {
 
@@ -127,7 +127,7 @@ std::uint64_t CBORSocket::messageLag() const {
   return messageId_ - lastMessageAck_;
 }
 
-void CBORSocket::send(std::string_view event, ValueMap data, std::function<void()> completion) {
+void CBORSocket::send(std::string_view event, ValueMap data, std::function<void(bool)> completion) {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
   if (messageId_ == std::numeric_limits<std::uint64_t>::max()) fatalError("Message id overflow");
   ++messageId_;  // a dropped message still uses up its id

@@ -26,7 +26,7 @@
 
 #include "zephlo/platform/main_queue.hpp"
 #include "zephlo/platform/url_request.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 
@@ -70,10 +70,10 @@ class CBORSocket : public std::enable_shared_from_this<CBORSocket> {
   // before the first acknowledgement.
   std::uint64_t messageLag() const;
   // Sends {"event", "data", "id"} as one binary message. `completion` runs once
-  // the message has been written (or the connection failed under it); it never
-  // runs when the message is dropped: after disconnect() or when `data` cannot be
-  // encoded.
-  void send(std::string_view event, ValueMap data, std::function<void()> completion = nullptr);
+  // the write is over: true when the message was written, false when the
+  // connection failed under it. It never runs when the message is dropped: after
+  // disconnect() or when `data` cannot be encoded.
+  void send(std::string_view event, ValueMap data, std::function<void(bool written)> completion = nullptr);
 
   // Bounds of the reconnect delay, in seconds.
   double maxReconnectDelay() const { return maxReconnectDelay_; }

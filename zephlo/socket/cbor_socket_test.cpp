@@ -97,7 +97,8 @@ TEST_F(CBORSocketTest, EachConnectionNumbersItsMessagesFromOneAndReconnectsWithA
   // The connection drops under long writes; each completion still runs once.
   server.setReading(false);
   int completions = 0;
-  for (int i = 0; i < 3; ++i) socket->send("frame", {{"image", Bytes(2 * 1024 * 1024, 0x42)}}, [&] { ++completions; });
+  for (int i = 0; i < 3; ++i)
+    socket->send("frame", {{"image", Bytes(2 * 1024 * 1024, 0x42)}}, [&](bool) { ++completions; });
   queue().poll();
   server.dropConnections();
   server.setReading(true);
@@ -185,13 +186,12 @@ TEST_F(CBORSocketTest, DisconnectEndsTheSocketForGood) {
 
   // Nothing reaches the old observers and nothing reconnects, whatever happens.
   int completions = 0;
-  socket->send("alive", {}, [&] { ++completions; });
+  socket->send("alive", {}, [&](bool) { ++completions; });
   EXPECT_EQ(Peer::messageId(*socket), 1u);
   server.dropConnections();
   advance(10min);
   drain();
   EXPECT_EQ(completions, 0);
-  EXPECT_EQ(requests_, 1);
   EXPECT_EQ(server.acceptedCount(), 1u);
   EXPECT_EQ(disconnects_, 1);
   EXPECT_EQ(connects_, 1);

@@ -10,16 +10,22 @@
 #include "zephlo/platform/log.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
 #include "zephlo/socket/cbor_codec.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo {
 
 namespace {
 
-// Frame numbers run on across sessions and protocol objects for the life of the
-// process, so the agent's side can tell frames apart whatever reconnected. Only
-// the main queue touches it. Dropped frames use up their number too.
-std::uint32_t gFrameCounter = 0;
+// The stream socket as frame transmission sees it.
+class SocketChannel final : public FrameChannel {
+ public:
+  explicit SocketChannel(const CBORSocket& socket) : socket_(socket) {}
+  bool isConneced() const override { return socket_.isConneced(); }
+  std::uint64_t messageLag() const override { return socket_.messageLag(); }
+
+ private:
+  const CBORSocket& socket_;
+};
 
 void call(const ZPHStreamProtocol::SendCallback& callback, bool sent) {
   if (callback) callback(sent);
@@ -54,12 +60,17 @@ ZPHStreamProtocol::~ZPHStreamProtocol() {
 
 void ZPHStreamProtocol::registerStreamProtocolObserver(std::shared_ptr<ZPHStreamProtocolObserver> observer) {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
-  if (observer) observers_.insert(std::move(observer));
+  observers_.add(std::move(observer));
 }
 
 void ZPHStreamProtocol::removeStreamProtocolObserver(const std::shared_ptr<ZPHStreamProtocolObserver>& observer) {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
-  observers_.erase(observer);
+  observers_.remove(observer);
+}
+
+void ZPHStreamProtocol::registerFrameTransmissionObserver(std::shared_ptr<FrameTransmissionObserver> observer) {
+  ZEPHLO_DCHECK_ON_MAIN_QUEUE();
+  transmissionObservers_.add(std::move(observer));
 }
 
 void ZPHStreamProtocol::sessionDidUpdate(const std::shared_ptr<ZPHSession>&) { open(); }
@@ -160,16 +171,15 @@ void ZPHStreamProtocol::openStreamSocket() {
 
 template <class Event>
 void ZPHStreamProtocol::dispatchAgentEvent(const ValueMap& data) {
-  // A snapshot: an observer may remove itself (or close us) while being told.
-  const std::vector<std::shared_ptr<ZPHStreamProtocolObserver>> observers(observers_.begin(), observers_.end());
   const Value value(data);
   // Parsed once per observer, so no observer sees another's changes to its event.
-  for (const auto& observer : observers) observer->onAgentEvent(session_, ZPHAgentEvent(Event::from(value)));
+  observers_.notify([&](ZPHStreamProtocolObserver& observer) {
+    observer.onAgentEvent(session_, ZPHAgentEvent(Event::from(value)));
+  });
 }
 
 void ZPHStreamProtocol::dispatchSyncRequest() {
-  const std::vector<std::shared_ptr<ZPHStreamProtocolObserver>> observers(observers_.begin(), observers_.end());
-  for (const auto& observer : observers) observer->onSyncRequest(session_);
+  observers_.notify([&](ZPHStreamProtocolObserver& observer) { observer.onSyncRequest(session_); });
 }
 
 std::string ZPHStreamProtocol::ISODateString() { return ISODateString(std::chrono::system_clock::now()); }
@@ -207,13 +217,7 @@ void ZPHStreamProtocol::sendScreenDetails(std::string_view className, std::optio
 
 float ZPHStreamProtocol::imageCompression() const {
   ZEPHLO_DCHECK_ON_MAIN_QUEUE();
-  // Read afresh at each step: the lag may move between reads.
-  const auto lag = [this]() -> std::uint64_t { return stream_ ? stream_->messageLag() : 0; };
-  if (lag() < 2) return 0.6f;
-  if (lag() < 3) return 0.5f;
-  if (lag() < 4) return 0.4f;
-  if (lag() < kCongestionLag) return 0.3f;
-  return 0.2f;
+  return frameQuality(stream_ ? stream_->messageLag() : 0);
 }
 
 void ZPHStreamProtocol::sendFrame(FrameImage image, SendCallback withCallback) {
@@ -226,13 +230,10 @@ void ZPHStreamProtocol::sendFrame(FrameImage image, SendCallback withCallback) {
   image.reset();
 
   // Numbered before the gate, so a dropped frame leaves a gap the agent can see.
-  const std::uint32_t id = gFrameCounter++;
-  ValueMap payload{{wire::kType, wire::kFrameType},
-                   {wire::kId, static_cast<std::uint64_t>(id)},
-                   {wire::kImage, Value(std::move(jpeg))},
-                   {wire::kTimestamp, ISODateString()},
-                   {wire::kMimeType, wire::kJpegMimeType}};
-  sendThroughGate(wire::kFrameEvent, std::move(payload), std::move(withCallback));
+  const std::uint32_t id = nextFrameId();
+  const std::size_t size = jpeg->size();
+  sendThroughGate(wire::kFrameEvent, framePayload(id, std::move(jpeg), ISODateString()), std::move(withCallback),
+                  size);
 }
 
 void ZPHStreamProtocol::sendStreamEvent(std::string_view event, ValueMap withData, SendCallback withCallback) {
@@ -246,19 +247,28 @@ void ZPHStreamProtocol::sendStreamEvent(std::string_view event, ValueMap withDat
   sendThroughGate(event, std::move(withData), std::move(withCallback));
 }
 
-void ZPHStreamProtocol::sendThroughGate(std::string_view event, ValueMap data, SendCallback callback) {
-  if (!stream_ || !stream_->isConneced()) {
+void ZPHStreamProtocol::sendThroughGate(std::string_view event, ValueMap data, SendCallback callback,
+                                        std::size_t frameBytes) {
+  const bool isFrame = event == wire::kFrameEvent;
+  const std::optional<SocketChannel> channel = stream_ ? std::optional<SocketChannel>(*stream_) : std::nullopt;
+  const GateVerdict verdict = gate(channel ? &*channel : nullptr, event);
+  if (verdict != GateVerdict::Send) {
+    if (verdict == GateVerdict::Congested) platform::log(kCongestionLogLine);
+    if (isFrame) transmissionObservers_.notify([&](FrameTransmissionObserver& o) { o.frameRefused(verdict); });
     call(callback, false);
     return;
   }
-  if (event == wire::kFrameEvent && stream_->messageLag() >= kCongestionLag) {
-    platform::log(kCongestionLogLine);
-    call(callback, false);
-    return;
-  }
+  if (isFrame) transmissionObservers_.notify([&](FrameTransmissionObserver& o) { o.frameHandedToSocket(frameBytes); });
   // On a connected socket the write's completion runs exactly once, also when the
-  // connection drops under it or the socket is disconnected meanwhile.
-  stream_->send(event, std::move(data), [callback = std::move(callback)] { call(callback, true); });
+  // connection drops under it or the socket is disconnected meanwhile; it says
+  // whether the bytes went out, so a frame cut off is sent again.
+  std::weak_ptr<ZPHStreamProtocol> weak = weak_from_this();
+  stream_->send(event, std::move(data), [weak, isFrame, frameBytes, callback = std::move(callback)](bool written) {
+    if (auto self = weak.lock(); self && isFrame)
+      self->transmissionObservers_.notify(
+          [&](FrameTransmissionObserver& o) { o.frameWriteDone(frameBytes, written); });
+    call(callback, written);
+  });
 }
 
 }  // namespace zephlo

@@ -3,13 +3,14 @@
 // and stream socket (frames out; the agent's input events, sync requests and
 // probes in) as soon as the session names them, subscribes to their events at
 // every connection, hands each agent event to its observers, and sends frames
-// as JPEG at a quality that falls as the stream socket backs up.
+// as JPEG under the rules of frame transmission (frame_transmission.hpp).
 //
 // OWNERSHIP: created with `create` and held by the extension controller. The
 // protocol holds its session and its two sockets; the session holds the
 // protocol back as an observer (it stays registered after close), so the
 // session's owner breaks that cycle with ZPHSession::cleanup. Socket listeners
-// hold the protocol weakly. Stream-protocol observers are held strongly.
+// hold the protocol weakly. Stream-protocol and frame-transmission observers are
+// held strongly.
 //
 // THREADING: main queue. Listeners, connect handlers and observer calls run
 // there, one observer after the other. Send callbacks run on the main queue:
@@ -24,9 +25,9 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 #include <variant>
 
+#include "zephlo/base/observer_set.hpp"
 #include "zephlo/capture/frame_loop.hpp"
 #include "zephlo/core/session.hpp"
 #include "zephlo/events/drawing.hpp"
@@ -34,7 +35,8 @@
 #include "zephlo/events/laser.hpp"
 #include "zephlo/events/touch_event.hpp"
 #include "zephlo/socket/cbor_socket.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/stream/frame_transmission.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 
@@ -59,13 +61,9 @@ class ZPHStreamProtocolObserver {
 class ZPHStreamProtocol : public ZPHSessionObserver,
                           public std::enable_shared_from_this<ZPHStreamProtocol> {
  public:
-  // Called exactly once: true when the socket reported the message written,
-  // false when nothing was sent.
+  // Called exactly once: true when the socket wrote the message, false when it
+  // was not sent or its write failed.
   using SendCallback = std::function<void(bool sent)>;
-
-  // At this message lag frames are dropped instead of sent.
-  static constexpr std::uint64_t kCongestionLag = 6;
-  static constexpr std::string_view kCongestionLogLine = "Zephlo dropped frame due to network congestion";
 
   // A closed protocol registered as an observer of `session`; the sockets open
   // on the session's next update.
@@ -77,6 +75,7 @@ class ZPHStreamProtocol : public ZPHSessionObserver,
 
   void registerStreamProtocolObserver(std::shared_ptr<ZPHStreamProtocolObserver> observer);
   void removeStreamProtocolObserver(const std::shared_ptr<ZPHStreamProtocolObserver>& observer);
+  void registerFrameTransmissionObserver(std::shared_ptr<FrameTransmissionObserver> observer);
 
   const std::shared_ptr<ZPHSession>& session() const { return session_; }
   // Null until opened, and again after close.
@@ -90,7 +89,7 @@ class ZPHStreamProtocol : public ZPHSessionObserver,
   // Nothing for an ended session; otherwise each missing socket whose URL field
   // is present is created and starts connecting.
   void open();
-  // Disconnects and forgets both sockets and every observer.
+  // Disconnects and forgets both sockets and every stream-protocol observer.
   void close();
 
   // A socket whose every (re)connection reads the session's `urlField` and
@@ -110,11 +109,11 @@ class ZPHStreamProtocol : public ZPHSessionObserver,
   // Encodes `image` as JPEG at imageCompression(), numbers it and sends it as a
   // "frame" event. The image is no longer used once the callback runs.
   void sendFrame(FrameImage image, SendCallback withCallback);
-  // JPEG quality from the stream socket's message lag: 0.6 down to 0.2.
+  // JPEG quality from the stream socket's message lag (frameQuality).
   float imageCompression() const;
   // The gate of every event sent on the stream socket: false when the socket is
   // missing or not connected, false (and a log line) for a "frame" at the
-  // congestion lag, true once the socket reports the write done.
+  // congestion lag, otherwise whether the socket wrote it.
   void sendStreamEvent(std::string_view event, ValueMap withData, SendCallback withCallback);
 
  private:
@@ -128,12 +127,14 @@ class ZPHStreamProtocol : public ZPHSessionObserver,
   void dispatchAgentEvent(const ValueMap& data);
   void dispatchSyncRequest();
   // The gate proper, for payloads known to encode.
-  void sendThroughGate(std::string_view event, ValueMap data, SendCallback callback);
+  // `frameBytes`: the image size of a frame, for the frame-transmission observers.
+  void sendThroughGate(std::string_view event, ValueMap data, SendCallback callback, std::size_t frameBytes = 0);
 
   std::shared_ptr<ZPHSession> session_;
   std::shared_ptr<CBORSocket> control_;
   std::shared_ptr<CBORSocket> stream_;
-  std::unordered_set<std::shared_ptr<ZPHStreamProtocolObserver>> observers_;
+  ObserverSet<ZPHStreamProtocolObserver> observers_;
+  ObserverSet<FrameTransmissionObserver> transmissionObservers_;
 };
 
 }  // namespace zephlo

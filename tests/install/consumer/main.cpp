@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 int main() {
   auto& queue = zephlo::platform::MainQueue::shared();

@@ -21,7 +21,7 @@ const buildDir = path.resolve(process.env.ZEPHLO_BUILD_DIR || path.join(repo, 'b
 const artifacts = path.resolve(process.env.ZEPHLO_ARTIFACTS || path.join(here, 'artifacts'));
 const program = (name, folder) => path.join(buildDir, 'apps', folder, name);
 const servicePath = program('zephlo-service', 'service');
-const loadPath = program('zephlo-service-load', 'service');
+const loadPath = program('zephlo-service-load', 'service_load');
 const broadcastPath = program('zephlo-broadcast', 'broadcast');
 const keychainPath = program('zephlo-keychain', '');
 const chromiumPath = process.env.ZEPHLO_CHROMIUM || '/usr/bin/chromium';

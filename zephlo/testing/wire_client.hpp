@@ -19,9 +19,9 @@
 #include <string_view>
 #include <vector>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
-namespace zephlo::service {
+namespace zephlo::testing {
 
 class WireClient : public std::enable_shared_from_this<WireClient> {
  public:
@@ -102,4 +102,4 @@ class WireClient : public std::enable_shared_from_this<WireClient> {
   bool writing_ = false;
 };
 
-}  // namespace zephlo::service
+}  // namespace zephlo::testing

@@ -8,7 +8,7 @@
 
 #include <vector>
 
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::service {
 

@@ -6,8 +6,8 @@
 
 #include <CLI/CLI.hpp>
 
-#include "apps/service/frame_pattern.hpp"
-#include "apps/service/load_run.hpp"
+#include "apps/service_load/frame_pattern.hpp"
+#include "apps/service_load/load_run.hpp"
 #include "apps/service/service_server.hpp"
 #include "zephlo/platform/main_queue.hpp"
 

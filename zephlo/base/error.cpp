@@ -1,4 +1,4 @@
-#include "zephlo/core/error.hpp"
+#include "zephlo/base/error.hpp"
 
 #include <utility>
 

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-namespace zephlo::service {
+namespace zephlo::testing {
 
 struct HttpResult {
   bool completed = false;  // false: no response (connection failed)
@@ -32,4 +32,4 @@ struct HttpCallRequest {
 // Sends the request on a fresh connection and calls `done` once with the result.
 void httpCall(HttpCallRequest request, std::function<void(HttpResult)> done);
 
-}  // namespace zephlo::service
+}  // namespace zephlo::testing

@@ -1,4 +1,4 @@
-#include "apps/service/frame_pattern.hpp"
+#include "apps/service_load/frame_pattern.hpp"
 
 #include <algorithm>
 

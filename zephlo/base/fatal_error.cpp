@@ -1,4 +1,4 @@
-#include "zephlo/platform/fatal_error.hpp"
+#include "zephlo/base/fatal_error.hpp"
 
 #include <cstdio>
 #include <cstdlib>

@@ -20,11 +20,15 @@
 #include <vector>
 
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
+
+namespace zephlo::testing {
+class WireClient;
+}  // namespace zephlo::testing
 
 namespace zephlo::service {
 
-class WireClient;
+using testing::WireClient;
 
 struct LoadOptions {
   std::string host = "127.0.0.1";

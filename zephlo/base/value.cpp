@@ -1,4 +1,4 @@
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 #include <cstdio>
 #include <functional>

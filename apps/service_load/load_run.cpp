@@ -1,17 +1,22 @@
-#include "apps/service/load_run.hpp"
+#include "apps/service_load/load_run.hpp"
 
 #include <algorithm>
 #include <cstdio>
 #include <sstream>
 
-#include "apps/service/http_call.hpp"
-#include "apps/service/wire_client.hpp"
+#include "zephlo/testing/http_call.hpp"
+#include "zephlo/testing/wire_client.hpp"
 #include "apps/service/value_fields.hpp"
 #include "zephlo/core/json.hpp"
 #include "zephlo/platform/sequence_checker.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo::service {
+
+using testing::HttpCallRequest;
+using testing::HttpResult;
+using testing::WireClient;
+using testing::httpCall;
 
 namespace {
 

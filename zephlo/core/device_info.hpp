@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "zephlo/platform/location_manager.hpp"
-#include "zephlo/socket/value.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo {
 

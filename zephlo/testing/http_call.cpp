@@ -1,7 +1,8 @@
-#include "apps/service/http_call.hpp"
+#include "zephlo/testing/http_call.hpp"
 
 #include <memory>
 
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/core/tcp_stream.hpp>
@@ -9,9 +10,9 @@
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/http/write.hpp>
 
-#include "zephlo/platform/main_queue_internal.hpp"
+#include "zephlo/platform/main_queue.hpp"
 
-namespace zephlo::service {
+namespace zephlo::testing {
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
@@ -66,4 +67,4 @@ void httpCall(HttpCallRequest outgoing, std::function<void(HttpResult)> done) {
   });
 }
 
-}  // namespace zephlo::service
+}  // namespace zephlo::testing

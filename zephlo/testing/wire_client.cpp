@@ -1,5 +1,6 @@
-#include "apps/service/wire_client.hpp"
+#include "zephlo/testing/wire_client.hpp"
 
+#include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
@@ -7,12 +8,11 @@
 #include <boost/beast/http/field.hpp>
 #include <boost/beast/websocket/stream.hpp>
 
-#include "apps/service/value_fields.hpp"
-#include "zephlo/platform/main_queue_internal.hpp"
+#include "zephlo/platform/main_queue.hpp"
 #include "zephlo/socket/cbor_codec.hpp"
-#include "zephlo/socket/wire_format.hpp"
+#include "zephlo/base/wire_names.hpp"
 
-namespace zephlo::service {
+namespace zephlo::testing {
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
@@ -101,7 +101,8 @@ void WireClient::handleMessage(std::span<const std::uint8_t> bytes, bool text) {
     return;
   }
   received_.push_back(*map);
-  if (const std::uint64_t* ack = unsignedField(*map, wire::kAck)) {
+  const Value* ackValue = map->find(wire::kAck);
+  if (const std::uint64_t* ack = ackValue ? ackValue->asUInt() : nullptr) {
     lastAck_ = *ack;
     ++ackCount_;
     if (onAck) onAck(*ack);
@@ -160,10 +161,13 @@ std::vector<std::string> WireClient::texts() const {
 
 std::vector<ValueMap> WireClient::events(std::string_view event) const {
   std::vector<ValueMap> out;
-  for (const ValueMap& m : received_)
-    if (const std::string* name = textField(m, wire::kEvent); name && *name == event)
-      if (const ValueMap* data = mapField(m, wire::kData)) out.push_back(*data);
+  for (const ValueMap& m : received_) {
+    const Value* name = m.find(wire::kEvent);
+    const Value* data = m.find(wire::kData);
+    if (name && name->asString() && *name->asString() == event && data && data->asMap())
+      out.push_back(*data->asMap());
+  }
   return out;
 }
 
-}  // namespace zephlo::service
+}  // namespace zephlo::testing

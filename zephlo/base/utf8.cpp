@@ -1,4 +1,4 @@
-#include "zephlo/socket/utf8.hpp"
+#include "zephlo/base/utf8.hpp"
 
 namespace zephlo {
 

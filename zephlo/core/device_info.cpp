@@ -1,4 +1,4 @@
-#include "zephlo/extension/device_info.hpp"
+#include "zephlo/core/device_info.hpp"
 
 #include <memory>
 
