@@ -10,6 +10,7 @@
 #include "apps/broadcast/broadcast_stats.hpp"
 #include "apps/broadcast/image_folder_source.hpp"
 #include "apps/broadcast/test_pattern_source.hpp"
+#include "apps/broadcast/wayland_screen_source.hpp"
 #include "apps/broadcast/x11_screen_source.hpp"
 #include "zephlo/extension/zephlo_replay_kit_extension.hpp"
 #include "zephlo/platform/bundle.hpp"
@@ -55,15 +56,20 @@ std::unique_ptr<ScreenSource> makeScreenSource(const BroadcastOptions& options, 
     case SourceKind::X11:
       return X11ScreenSource::open(options.source.argument, options.pixelFormat, options.orientation,
                                    options.sampleRate, error);
-    case SourceKind::Screen:
-      // The X11 desktop for now, also under Xwayland where both are set.
-      if (!std::getenv("DISPLAY")) {
-        *error = std::getenv("WAYLAND_DISPLAY")
-                     ? "screen: $WAYLAND_DISPLAY is set but Wayland capture is not available yet, and $DISPLAY is not set"
-                     : "screen: neither $WAYLAND_DISPLAY nor $DISPLAY is set: no desktop to capture";
+    case SourceKind::Wayland:
+      return WaylandScreenSource::open(RestoreTokenFile::besideKeychain(options.keychainPath), options.pixelFormat,
+                                       options.orientation, error);
+    case SourceKind::Screen: {
+      const char* wayland = std::getenv("WAYLAND_DISPLAY");
+      const char* display = std::getenv("DISPLAY");
+      if (!(wayland && *wayland) && !display) {
+        *error = "screen: neither $WAYLAND_DISPLAY nor $DISPLAY is set: no desktop to capture";
         return nullptr;
       }
-      return X11ScreenSource::open("", options.pixelFormat, options.orientation, options.sampleRate, error);
+      BroadcastOptions resolved = options;
+      resolved.source.kind = wayland && *wayland ? SourceKind::Wayland : SourceKind::X11;
+      return makeScreenSource(resolved, error);
+    }
   }
   return nullptr;
 }
@@ -83,13 +89,14 @@ std::optional<std::string> BroadcastHost::setUp() {
     if (!bundle) return "--bundle " + *options_.bundlePath + ": " + error;
     platform::Bundle::setMain(std::move(*bundle));
   }
-  auto store = platform::KeychainStore::open(options_.keychainPath);
-  if (!store->isOpen()) return "--keychain " + options_.keychainPath + ": " + store->openError();
-  platform::KeychainStore::setShared(store);
-
+  // The source first: a desktop's sharing dialog that is cancelled or fails
+  // ends the program before the keychain is touched.
   std::string error;
   source_ = makeScreenSource(options_, &error);
   if (!source_) return "--source: " + error;
+  auto store = platform::KeychainStore::open(options_.keychainPath);
+  if (!store->isOpen()) return "--keychain " + options_.keychainPath + ": " + store->openError();
+  platform::KeychainStore::setShared(store);
   // A real screen's size comes with its first sample (see makeSink); until then
   // the main screen has the given size in points at the screen's scale.
   platform::ScreenBounds screen = options_.screen;

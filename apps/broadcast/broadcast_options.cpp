@@ -43,6 +43,7 @@ std::optional<platform::ScreenBounds> parseScreen(std::string_view text) {
 std::optional<SourceSpec> parseSource(std::string_view text) {
   if (text == "testpattern") return SourceSpec{SourceKind::TestPattern, ""};
   if (text == "x11") return SourceSpec{SourceKind::X11, ""};
+  if (text == "wayland") return SourceSpec{SourceKind::Wayland, ""};
   if (text == "screen") return SourceSpec{SourceKind::Screen, ""};
   if (text.starts_with("x11:") && text.size() > 4) return SourceSpec{SourceKind::X11, std::string(text.substr(4))};
   if (text.starts_with("images:") && text.size() > 7) {
@@ -60,7 +61,7 @@ std::variant<BroadcastOptions, int> parseBroadcastOptions(int argc, const char* 
   app.add_option("--keychain", keychain,
                  "Keychain database (default: $ZEPHLO_KEYCHAIN, else $XDG_DATA_HOME/zephlo/keychain.db, "
                  "else ~/.local/share/zephlo/keychain.db)");
-  app.add_option("--source", source, "testpattern, images:DIR, x11[:DISPLAY] or screen (the desktop this runs in)")->capture_default_str();
+  app.add_option("--source", source, "testpattern, images:DIR, x11[:DISPLAY], wayland or screen")->capture_default_str();
   auto* screenOption = app.add_option("--screen", screen,
                                       "Screen size in points and pixel scale, WxH@S; for a real screen only S is "
                                       "used (default there: the desktop's own scale)")
@@ -85,7 +86,7 @@ std::variant<BroadcastOptions, int> parseBroadcastOptions(int argc, const char* 
 
   auto parsedSource = parseSource(source);
   if (!parsedSource) {
-    err << "--source: expected testpattern, images:DIR, x11[:DISPLAY] or screen, got " << source << "\n";
+    err << "--source: expected testpattern, images:DIR, x11[:DISPLAY], wayland or screen, got " << source << "\n";
     return static_cast<int>(CLI::ExitCodes::ValidationError);
   }
   auto parsedScreen = parseScreen(screen);

@@ -1,7 +1,7 @@
 // BroadcastOptions: zephlo-broadcast's command line, parsed.
 //
 //   zephlo-broadcast [--bundle FILE] [--keychain FILE]
-//                    [--source testpattern|images:DIR|x11[:DISPLAY]|screen] [--screen WxH@S]
+//                    [--source testpattern|images:DIR|x11[:DISPLAY]|wayland|screen] [--screen WxH@S]
 //                    [--sample-rate HZ] [--orientation N] [--pixel-format bgra|nv12]
 //                    [--stats] [--log stderr|syslog]
 //
@@ -20,8 +20,7 @@
 
 namespace zephlo {
 
-// Screen: the desktop the program runs in.
-enum class SourceKind { TestPattern, Images, X11, Screen };
+enum class SourceKind { TestPattern, Images, X11, Wayland, Screen };
 
 struct SourceSpec {
   SourceKind kind = SourceKind::TestPattern;
@@ -29,7 +28,7 @@ struct SourceSpec {
   std::string argument;
   bool operator==(const SourceSpec&) const = default;
   // A desktop's screen, whose size is its own, rather than a synthetic one.
-  bool isRealScreen() const { return kind == SourceKind::X11 || kind == SourceKind::Screen; }
+  bool isRealScreen() const { return kind == SourceKind::X11 || kind == SourceKind::Wayland || kind == SourceKind::Screen; }
 };
 
 struct BroadcastOptions {
@@ -52,7 +51,8 @@ struct BroadcastOptions {
 
 // "390x844@3": width and height in points, then the pixel scale (all positive).
 std::optional<platform::ScreenBounds> parseScreen(std::string_view text);
-// "testpattern", "images:DIR" (DIR not empty), "x11", "x11:DISPLAY" or "screen".
+// "testpattern", "images:DIR" (DIR not empty), "x11", "x11:DISPLAY", "wayland" or
+// "screen" (Wayland when $WAYLAND_DISPLAY is set, else X11; decided when the source opens).
 std::optional<SourceSpec> parseSource(std::string_view text);
 
 // The options, or the exit status when the command line says to stop here

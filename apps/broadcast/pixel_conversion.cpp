@@ -44,4 +44,47 @@ void copyBgra(const std::uint8_t* bgra, int stride, int width, int height, platf
   }
 }
 
+void copyToOpaqueBgra(const std::uint8_t* pixels, int stride, int width, int height, bool swapRedBlue,
+                      platform::PixelBuffer& out) {
+  const int blue = swapRedBlue ? 2 : 0, red = swapRedBlue ? 0 : 2;
+  for (int y = 0; y < height; ++y) {
+    const std::uint8_t* in = pixels + static_cast<std::ptrdiff_t>(y) * stride;
+    std::uint8_t* row = out.mutablePlane(0) + static_cast<std::ptrdiff_t>(y) * out.stride(0);
+    for (int x = 0; x < width; ++x) {
+      row[4 * x] = in[4 * x + blue];
+      row[4 * x + 1] = in[4 * x + 1];
+      row[4 * x + 2] = in[4 * x + red];
+      row[4 * x + 3] = 255;
+    }
+  }
+}
+
+void convertNv12ToBgra(const std::uint8_t* luma, int lumaStride, const std::uint8_t* chroma, int chromaStride,
+                       int width, int height, platform::PixelBuffer& out) {
+  for (int y = 0; y < height; ++y) {
+    const std::uint8_t* yRow = luma + static_cast<std::ptrdiff_t>(y) * lumaStride;
+    const std::uint8_t* cRow = chroma + static_cast<std::ptrdiff_t>(y / 2) * chromaStride;
+    std::uint8_t* row = out.mutablePlane(0) + static_cast<std::ptrdiff_t>(y) * out.stride(0);
+    for (int x = 0; x < width; ++x) {
+      const int l = yRow[x] * kOne + kOne / 2, cb = cRow[x & ~1] - 128, cr = cRow[(x & ~1) + 1] - 128;
+      row[4 * x] = clip((l + fix(1.772) * cb) >> 16);
+      row[4 * x + 1] = clip((l - fix(0.344136) * cb - fix(0.714136) * cr) >> 16);
+      row[4 * x + 2] = clip((l + fix(1.402) * cr) >> 16);
+      row[4 * x + 3] = 255;
+    }
+  }
+}
+
+void copyNv12(const std::uint8_t* luma, int lumaStride, const std::uint8_t* chroma, int chromaStride, int width,
+              int height, platform::PixelBuffer& out) {
+  for (int y = 0; y < height; ++y) {
+    std::memcpy(out.mutablePlane(0) + static_cast<std::ptrdiff_t>(y) * out.stride(0),
+                luma + static_cast<std::ptrdiff_t>(y) * lumaStride, static_cast<std::size_t>(width));
+  }
+  for (int y = 0; y < (height + 1) / 2; ++y) {
+    std::memcpy(out.mutablePlane(1) + static_cast<std::ptrdiff_t>(y) * out.stride(1),
+                chroma + static_cast<std::ptrdiff_t>(y) * chromaStride, static_cast<std::size_t>((width + 1) / 2 * 2));
+  }
+}
+
 }  // namespace zephlo

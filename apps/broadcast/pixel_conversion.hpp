@@ -17,4 +17,18 @@ void convertBgraToNv12(const std::uint8_t* bgra, int stride, int width, int heig
 // Copies `height` rows of `width` BGRA pixels into the BGRA buffer `out`.
 void copyBgra(const std::uint8_t* bgra, int stride, int width, int height, platform::PixelBuffer& out);
 
+// Copies 32-bit pixels in B,G,R,x order (or R,G,B,x when `swapRedBlue`) into the
+// BGRA buffer `out` as opaque pixels: the fourth byte of a screen is padding.
+void copyToOpaqueBgra(const std::uint8_t* pixels, int stride, int width, int height, bool swapRedBlue,
+                      platform::PixelBuffer& out);
+
+// Writes an NV12 picture (a Y plane, then interleaved Cb/Cr at half size; JFIF
+// YCbCr) into the BGRA buffer `out`.
+void convertNv12ToBgra(const std::uint8_t* luma, int lumaStride, const std::uint8_t* chroma, int chromaStride,
+                       int width, int height, platform::PixelBuffer& out);
+
+// Copies an NV12 picture into the NV12 buffer `out`.
+void copyNv12(const std::uint8_t* luma, int lumaStride, const std::uint8_t* chroma, int chromaStride, int width,
+              int height, platform::PixelBuffer& out);
+
 }  // namespace zephlo
