@@ -157,6 +157,16 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
 
   producer_->stopStream();
   EXPECT_EQ(received.waitForEnd(), "The shared screen went away");
+
+  // The ended stream stays off the next screen on the same PipeWire, which
+  // goes to its own reader.
+  auto next = producer_->startStream(32, 32, false, {kBlue, kBlue, kBlue});
+  ASSERT_TRUE(next);
+  Received nextReceived;
+  auto nextStream = PipeWireStream::open(producer_->connect(), *next, platform::PixelFormat::BGRA, 1, &error);
+  ASSERT_TRUE(nextStream) << error;
+  nextStream->start([&](const platform::SampleBuffer& s) { nextReceived.sample(s); }, [](const std::string&) {});
+  EXPECT_TRUE(nextReceived.waitForSample(1)) << "the next screen's picture went elsewhere";
   stream->stop();
   EXPECT_EQ(received.sampleCount(), 4u);
   EXPECT_EQ(received.endCount(), 1u);
