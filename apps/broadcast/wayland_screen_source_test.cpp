@@ -9,6 +9,8 @@
 
 #include <condition_variable>
 #include <filesystem>
+#include <future>
+#include <iostream>
 #include <fstream>
 
 #include "apps/broadcast/canvas.hpp"
@@ -74,13 +76,25 @@ Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
 
 // The producer's picture the right way up: its size, and each block's colour in
 // its place (NV12 rounds a little).
-void expectPicture(const platform::SampleBuffer& sample, int width, int height, Rgb topLeft, Rgb topRight, Rgb bottom) {
+void expectPicture(const char* what, const platform::SampleBuffer& sample, int width, int height, Rgb topLeft,
+                   Rgb topRight, Rgb bottom) {
+  SCOPED_TRACE(what);
   ASSERT_EQ(sample.imageBuffer()->width(), width);
   ASSERT_EQ(sample.imageBuffer()->height(), height);
   auto near = [](Rgb a, Rgb b) { return std::abs(a.r - b.r) <= 3 && std::abs(a.g - b.g) <= 3 && std::abs(a.b - b.b) <= 3; };
   EXPECT_PRED2(near, colourAt(sample, width / 4, height / 4), topLeft) << "top left";
   EXPECT_PRED2(near, colourAt(sample, width * 3 / 4, height / 4), topRight) << "top right";
   EXPECT_PRED2(near, colourAt(sample, width / 2, height * 3 / 4), bottom) << "bottom";
+}
+
+// Runs `f` on a thread of its own and aborts the test program when it has not
+// returned within a generous limit: a call that hangs cannot be cancelled.
+void mustReturn(const char* what, std::function<void()> f) {
+  auto done = std::async(std::launch::async, std::move(f));
+  if (done.wait_for(20s) != std::future_status::ready) {
+    std::cerr << what << " did not return\n";
+    std::abort();
+  }
 }
 
 bool installed(const char* program) { return std::filesystem::exists(std::string("/usr/bin/") + program); }
@@ -126,7 +140,7 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
 
   auto first = received.waitForSample(1);
   ASSERT_TRUE(first) << "no picture arrived";
-  expectPicture(*first, 64, 48, kRed, kGreen, kBlue);
+  expectPicture("first", *first, 64, 48, kRed, kGreen, kBlue);
   EXPECT_EQ(first->orientationAttachment(), 6);
   EXPECT_EQ(first->imageBuffer()->plane(0)[3], 255) << "the padding byte is not alpha";
 
@@ -140,20 +154,20 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
   producer_->show({kWhite, kRed, kGreen});
   auto second = received.waitForSample(2);
   ASSERT_TRUE(second);
-  expectPicture(*second, 64, 48, kWhite, kRed, kGreen);
+  expectPicture("after a corrupted one", *second, 64, 48, kWhite, kRed, kGreen);
 
   // Only the cropped part is the picture.
   producer_->show({kBlue, kRed, kGreen, false, Rect{16, 12, 32, 24}});
   auto cropped = received.waitForSample(3);
   ASSERT_TRUE(cropped);
-  expectPicture(*cropped, 32, 24, kBlue, kRed, kGreen);
+  expectPicture("cropped", *cropped, 32, 24, kBlue, kRed, kGreen);
 
   // The screen turns to portrait mid-stream.
   producer_->resize(48, 80);
   producer_->show({kGreen, kBlue, kRed});
   auto turned = received.waitForSample(4);
   ASSERT_TRUE(turned) << "no picture after the size changed";
-  expectPicture(*turned, 48, 80, kGreen, kBlue, kRed);
+  expectPicture("portrait", *turned, 48, 80, kGreen, kBlue, kRed);
 
   producer_->stopStream();
   EXPECT_EQ(received.waitForEnd(), "The shared screen went away");
@@ -184,11 +198,11 @@ TEST_F(WaylandCaptureTest, RgbStreamsComeAsNv12AndStopReturnsWhateverPipeWireDoe
   auto sample = received.waitForSample(1);
   ASSERT_TRUE(sample);
   EXPECT_EQ(sample->imageBuffer()->format(), platform::PixelFormat::NV12);
-  expectPicture(*sample, 32, 32, kRed, kGreen, kBlue);
+  expectPicture("NV12", *sample, 32, 32, kRed, kGreen, kBlue);
 
   producer_->killDaemon();
   EXPECT_EQ(received.waitForEnd(), "PipeWire went away");
-  stream->stop();
+  mustReturn("stop after PipeWire went away", [&] { stream->stop(); });
   EXPECT_EQ(received.endCount(), 1u);
 
   // A PipeWire that never answers: stopping and closing still return.
@@ -197,8 +211,7 @@ TEST_F(WaylandCaptureTest, RgbStreamsComeAsNv12AndStopReturnsWhateverPipeWireDoe
   auto silent = PipeWireStream::open(pair[0], *node, platform::PixelFormat::BGRA, 1, &error);
   ASSERT_TRUE(silent) << error;
   silent->start([](const platform::SampleBuffer&) {}, [](const std::string&) {});
-  silent->stop();
-  silent.reset();
+  mustReturn("stop on a silent PipeWire", [&] { silent.reset(); });
   ::close(pair[1]);
 }
 
