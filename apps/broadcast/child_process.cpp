@@ -1,8 +1,10 @@
 #include "apps/broadcast/child_process.hpp"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <signal.h>
-#include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,6 +19,7 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
                            const std::map<std::string, std::string>& environment) {
   int out[2], err[2];
   if (pipe2(out, O_CLOEXEC) != 0 || pipe2(err, O_CLOEXEC) != 0) return;
+  stop_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
 
   std::vector<std::string> env;
   for (char** e = environ; *e; ++e) {
@@ -34,20 +37,23 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
   for (auto& e : env) envp.push_back(e.data());
   envp.push_back(nullptr);
 
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-  posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-  // The child starts with no signal blocked, whatever the test's threads block.
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  sigset_t none;
-  sigemptyset(&none);
-  posix_spawnattr_setsigmask(&attributes, &none);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-  if (posix_spawn(&pid_, program.c_str(), &actions, &attributes, argv.data(), envp.data()) != 0) pid_ = -1;
-  posix_spawn_file_actions_destroy(&actions);
-  posix_spawnattr_destroy(&attributes);
+  // Only async-signal-safe calls between fork and exec. The child leads a
+  // process group of its own, so that whatever it starts goes with it, and dies
+  // with the test even when the test is killed before it can clean up.
+  const pid_t parent = ::getpid();
+  pid_ = ::fork();
+  if (pid_ == 0) {
+    ::setpgid(0, 0);
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (::getppid() != parent) ::_exit(127);
+    sigset_t none;
+    sigemptyset(&none);
+    ::sigprocmask(SIG_SETMASK, &none, nullptr);
+    ::dup2(out[1], 1);
+    ::dup2(err[1], 2);
+    ::execve(program.c_str(), argv.data(), envp.data());
+    ::_exit(127);
+  }
   close(out[1]);
   close(err[1]);
   stdoutReader_ = std::thread([this, fd = out[0]] { readLines(fd, &stdout_); });
@@ -55,19 +61,35 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
 }
 
 ChildProcess::~ChildProcess() {
-  if (pid_ > 0 && !status_) {
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    waitpid(pid_, &status, 0);
+  if (pid_ > 0) {
+    // The whole group, also when the child itself has exited: a daemon it left
+    // behind would keep its output open.
+    ::kill(-pid_, SIGKILL);
+    if (!status_) {
+      int status = 0;
+      waitpid(pid_, &status, 0);
+    }
   }
+  // A grandchild outside the group may still hold the output open; the readers
+  // do not wait for it.
+  const std::uint64_t one = 1;
+  if (stop_ >= 0) [[maybe_unused]] auto written = ::write(stop_, &one, sizeof one);
   if (stdoutReader_.joinable()) stdoutReader_.join();
   if (stderrReader_.joinable()) stderrReader_.join();
+  if (stop_ >= 0) ::close(stop_);
 }
 
 void ChildProcess::readLines(int fd, std::vector<std::string>* lines) {
   std::string pending;
   char buffer[4096];
   while (true) {
+    pollfd fds[2] = {{fd, POLLIN, 0}, {stop_, POLLIN, 0}};
+    if (::poll(fds, 2, -1) < 0) {
+      if (errno == EINTR) continue;
+      break;
+    }
+    // What is already there is still read when stopping.
+    if (!(fds[0].revents & (POLLIN | POLLHUP | POLLERR))) break;
     const ssize_t n = read(fd, buffer, sizeof buffer);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) break;

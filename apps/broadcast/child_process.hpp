@@ -2,8 +2,9 @@
 // read line by line on a thread of their own, so that a test can wait for a line
 // (with a generous limit), send signals and collect the exit status.
 //
-// Owned by the test. Destroying it kills a child that is still running (SIGKILL)
-// and reaps it.
+// Owned by the test. Destroying it kills the child and anything it started in
+// its process group (SIGKILL) and reaps it; the child is also killed when the
+// test process dies.
 //
 // THREADING: the reader thread appends lines under a mutex; every method may be
 // called from the test's thread while it runs.
@@ -63,6 +64,8 @@ class ChildProcess {
 
   pid_t pid_ = -1;
   std::optional<int> status_;
+  // Tells the readers to stop once the child is gone.
+  int stop_ = -1;
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<std::string> stdout_;

@@ -183,8 +183,11 @@ void PipeWireStream::start(FrameHandler frame, EndHandler ended) {
                              SPA_VIDEO_FORMAT_RGBx, SPA_VIDEO_FORMAT_RGBA, SPA_VIDEO_FORMAT_NV12),
       SPA_FORMAT_VIDEO_size, SPA_POD_CHOICE_RANGE_Rectangle(&size, &smallest, &largest), SPA_FORMAT_VIDEO_framerate,
       SPA_POD_CHOICE_RANGE_Fraction(&rate, &slowest, &fastest)));
+  // Never moved to another source when this screen's node goes away: the
+  // session manager would otherwise link us to whatever video source is left.
   const int r = pw_stream_connect(stream_, PW_DIRECTION_INPUT, nodeId_,
-                                  static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS),
+                                  static_cast<pw_stream_flags>(PW_STREAM_FLAG_AUTOCONNECT | PW_STREAM_FLAG_MAP_BUFFERS |
+                                                              PW_STREAM_FLAG_DONT_RECONNECT),
                                   params, 1);
   if (r < 0) end(std::string("cannot connect to the screen stream: ") + spa_strerror(r));
   pw_thread_loop_unlock(loop_);

@@ -50,15 +50,24 @@ PipeWireTestProducer::PipeWireTestProducer(const std::string& directory) : direc
                         << "/session-bus</listen><auth>EXTERNAL</auth><policy context=\"default\">"
                            "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
                            "<allow own=\"*\"/></policy></busconfig>\n";
-  sessionManager_ = std::make_unique<ChildProcess>(
-      "/usr/bin/dbus-run-session", std::vector<std::string>{"--config-file=" + config, "--", "/usr/bin/wireplumber"},
+  bus_ = std::make_unique<ChildProcess>(
+      "/usr/bin/dbus-daemon",
+      std::vector<std::string>{"--config-file=" + config, "--nofork", "--nopidfile", "--print-address=1"},
       environment);
+  if (!bus_->waitForStdout([](const std::string& line) { return line.starts_with("unix:"); })) {
+    ready_ = false;
+    return;
+  }
+  auto withBus = environment;
+  withBus["DBUS_SESSION_BUS_ADDRESS"] = bus_->stdoutLines().front();
+  sessionManager_ = std::make_unique<ChildProcess>("/usr/bin/wireplumber", std::vector<std::string>{}, withBus);
 }
 
 PipeWireTestProducer::~PipeWireTestProducer() {
   stopStream();
-  if (sessionManager_) sessionManager_->signal(SIGTERM);
-  if (daemon_) daemon_->signal(SIGTERM);
+  sessionManager_.reset();
+  bus_.reset();
+  daemon_.reset();
 }
 
 int PipeWireTestProducer::connect() const {
@@ -82,24 +91,16 @@ std::optional<std::uint32_t> PipeWireTestProducer::startStream(int width, int he
   static const pw_stream_events events = [] {
     pw_stream_events e{};
     e.version = PW_VERSION_STREAM_EVENTS;
-    e.state_changed = [](void* data, pw_stream_state, pw_stream_state state, const char*) {
-      auto* self = static_cast<PipeWireTestProducer*>(data);
-      self->streaming_ = state == PW_STREAM_STATE_STREAMING;
-      if (self->streaming_ && self->pending_) self->fill();
-      pw_thread_loop_signal(self->loop_, false);
-    };
     e.param_changed = [](void* data, std::uint32_t id, const spa_pod* param) {
-      if (id == SPA_PARAM_Format && param) static_cast<PipeWireTestProducer*>(data)->offerBuffers();
+      if (id == SPA_PARAM_Format && param) static_cast<PipeWireTestProducer*>(data)->formatChanged(param);
     };
+    e.process = [](void* data) { static_cast<PipeWireTestProducer*>(data)->fill(); };
     return e;
   }();
 
   pw_thread_loop_lock(loop_);
-  width_ = width;
-  height_ = height;
   rgbOrder_ = rgbOrder;
-  picture_ = first;
-  pending_ = true;
+  pictures_ = {first};
   core_ = pw_context_connect_fd(context_, connect(), nullptr, 0);
   if (core_) {
     stream_ = pw_stream_new(core_, "test-screen",
@@ -109,18 +110,7 @@ std::optional<std::uint32_t> PipeWireTestProducer::startStream(int width, int he
   if (stream_) {
     hooks_ = std::make_unique<Hooks>();
     pw_stream_add_listener(stream_, &hooks_->stream, &events, this);
-    std::uint8_t storage[1024];
-    spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage, sizeof storage);
-    spa_rectangle size{static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(height)};
-    spa_fraction rate{0, 1};
-    const spa_pod* params[1] = {static_cast<const spa_pod*>(spa_pod_builder_add_object(
-        &builder, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat, SPA_FORMAT_mediaType,
-        SPA_POD_Id(SPA_MEDIA_TYPE_video), SPA_FORMAT_mediaSubtype, SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw),
-        SPA_FORMAT_VIDEO_format, SPA_POD_Id(rgbOrder ? SPA_VIDEO_FORMAT_RGBx : SPA_VIDEO_FORMAT_BGRx),
-        SPA_FORMAT_VIDEO_size, SPA_POD_Rectangle(&size), SPA_FORMAT_VIDEO_framerate, SPA_POD_Fraction(&rate)))};
-    pw_stream_connect(stream_, PW_DIRECTION_OUTPUT, PW_ID_ANY,
-                      static_cast<pw_stream_flags>(PW_STREAM_FLAG_DRIVER | PW_STREAM_FLAG_MAP_BUFFERS),
-                      params, 1);
+    offerFormat(width, height);
     for (int i = 0; i < 200 && pw_stream_get_node_id(stream_) == SPA_ID_INVALID; ++i) {
       pw_thread_loop_timed_wait(loop_, 1);
     }
@@ -132,15 +122,44 @@ std::optional<std::uint32_t> PipeWireTestProducer::startStream(int width, int he
 
 void PipeWireTestProducer::show(Picture picture) {
   pw_thread_loop_lock(loop_);
-  picture_ = picture;
-  pending_ = true;
-  if (streaming_) fill();
+  pictures_.push_back(picture);
   pw_thread_loop_unlock(loop_);
 }
 
-// On the loop's thread: buffers for the format just settled, with room for the
-// header (its corrupted flag) and the crop.
-void PipeWireTestProducer::offerBuffers() {
+void PipeWireTestProducer::resize(int width, int height) {
+  pw_thread_loop_lock(loop_);
+  offerFormat(width, height);
+  pw_thread_loop_unlock(loop_);
+}
+
+// Under the loop's lock: the one format the stream has, at this size and only
+// "as it changes"; connects the stream the first time.
+void PipeWireTestProducer::offerFormat(int width, int height) {
+  wantedWidth_ = width;
+  wantedHeight_ = height;
+  std::uint8_t storage[1024];
+  spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage, sizeof storage);
+  spa_rectangle size{static_cast<std::uint32_t>(width), static_cast<std::uint32_t>(height)};
+  spa_fraction rate{0, 1};
+  const spa_pod* params[1] = {static_cast<const spa_pod*>(spa_pod_builder_add_object(
+      &builder, SPA_TYPE_OBJECT_Format, SPA_PARAM_EnumFormat, SPA_FORMAT_mediaType, SPA_POD_Id(SPA_MEDIA_TYPE_video),
+      SPA_FORMAT_mediaSubtype, SPA_POD_Id(SPA_MEDIA_SUBTYPE_raw), SPA_FORMAT_VIDEO_format,
+      SPA_POD_Id(rgbOrder_ ? SPA_VIDEO_FORMAT_RGBx : SPA_VIDEO_FORMAT_BGRx), SPA_FORMAT_VIDEO_size,
+      SPA_POD_Rectangle(&size), SPA_FORMAT_VIDEO_framerate, SPA_POD_Fraction(&rate)))};
+  if (pw_stream_get_state(stream_, nullptr) == PW_STREAM_STATE_UNCONNECTED) {
+    pw_stream_connect(stream_, PW_DIRECTION_OUTPUT, PW_ID_ANY, PW_STREAM_FLAG_MAP_BUFFERS, params, 1);
+  } else {
+    pw_stream_update_params(stream_, params, 1);
+  }
+}
+
+// On the loop's thread: the size just settled, and buffers for it with room for
+// the header (its corrupted flag) and the crop.
+void PipeWireTestProducer::formatChanged(const spa_pod* param) {
+  spa_video_info_raw info{};
+  if (spa_format_video_raw_parse(param, &info) < 0) return;
+  width_ = static_cast<int>(info.size.width);
+  height_ = static_cast<int>(info.size.height);
   std::uint8_t storage[1024];
   spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage, sizeof storage);
   const int stride = width_ * 4 + 64;
@@ -159,14 +178,14 @@ void PipeWireTestProducer::offerBuffers() {
   pw_stream_update_params(stream_, params, 3);
 }
 
-// On the loop's thread: the pending picture into the next free buffer, which
-// then goes out. A driver's buffer is queued before the trigger: the trigger
-// sends what is queued at that moment.
+// On the loop's thread, at each turn of the graph: the next waiting picture,
+// once the size asked for is the one negotiated, into a free buffer.
 void PipeWireTestProducer::fill() {
-  if (!pending_) return;
+  if (pictures_.empty() || width_ != wantedWidth_ || height_ != wantedHeight_) return;
   pw_buffer* buffer = pw_stream_dequeue_buffer(stream_);
   if (!buffer) return;
-  pending_ = false;
+  const Picture picture = pictures_.front();
+  pictures_.pop_front();
   spa_data& data = buffer->buffer->datas[0];
   const int stride = width_ * 4 + 64;  // padded rows, as compositors have them
   auto* pixels = static_cast<std::uint8_t*>(data.data);
@@ -174,7 +193,7 @@ void PipeWireTestProducer::fill() {
     for (int y = 0; y < height_; ++y) {
       std::uint8_t* row = pixels + static_cast<std::ptrdiff_t>(y) * stride;
       for (int x = 0; x < width_; ++x) {
-        const Rgb c = y >= height_ / 2 ? picture_.bottom : x < width_ / 2 ? picture_.topLeft : picture_.topRight;
+        const Rgb c = y >= height_ / 2 ? picture.bottom : x < width_ / 2 ? picture.topLeft : picture.topRight;
         row[4 * x] = rgbOrder_ ? c.r : c.b;
         row[4 * x + 1] = c.g;
         row[4 * x + 2] = rgbOrder_ ? c.b : c.r;
@@ -187,18 +206,17 @@ void PipeWireTestProducer::fill() {
   }
   if (auto* header = static_cast<spa_meta_header*>(
           spa_buffer_find_meta_data(buffer->buffer, SPA_META_Header, sizeof(spa_meta_header)))) {
-    header->flags = picture_.corrupted ? SPA_META_HEADER_FLAG_CORRUPTED : 0;
+    header->flags = picture.corrupted ? SPA_META_HEADER_FLAG_CORRUPTED : 0;
   }
   if (auto* crop = static_cast<spa_meta_region*>(
           spa_buffer_find_meta_data(buffer->buffer, SPA_META_VideoCrop, sizeof(spa_meta_region)))) {
-    const Rect r = picture_.crop.value_or(Rect{0, 0, width_, height_});
+    const Rect r = picture.crop.value_or(Rect{0, 0, width_, height_});
     crop->region.position.x = r.x;
     crop->region.position.y = r.y;
     crop->region.size.width = static_cast<std::uint32_t>(r.width);
     crop->region.size.height = static_cast<std::uint32_t>(r.height);
   }
   pw_stream_queue_buffer(stream_, buffer);
-  pw_stream_trigger_process(stream_);
 }
 
 void PipeWireTestProducer::stopStream() {

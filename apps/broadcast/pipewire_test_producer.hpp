@@ -1,15 +1,22 @@
-// PipeWireTestProducer: for tests, a private PipeWire (the daemon and its
-// session manager, which links streams, on a runtime directory of the test's
-// own) and on it a screen stream of the test's own that sends the picture it is
-// told to, when it is told to, as a compositor sends its screen: a picture of
-// three blocks (the top half's left and right, the bottom half), optionally
-// marked corrupted or cropped, in BGRx or RGBx, at a size that may change.
+// PipeWireTestProducer: for tests, a private PipeWire (the daemon, a session
+// bus and the session manager, which links streams, on a runtime directory of
+// the test's own) and on it a screen stream of the test's own that sends the
+// pictures it is told to, each once, as a compositor sends its screen: a
+// picture of three blocks (the top half's left and right, the bottom half),
+// optionally marked corrupted or cropped, in BGRx or RGBx, at a size that may
+// change.
 //
-// Owned by the test; the stream runs on its own PipeWire thread.
+// The stream follows the graph's own clock (it is not the driver), so a picture
+// waits in PipeWire until the reader takes it instead of being lost when it is
+// sent before the reader runs.
+//
+// Owned by the test; the stream runs on its own PipeWire thread. The daemons
+// die with the producer, or with the test process.
 #pragma once
 
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -22,6 +29,7 @@ struct pw_thread_loop;
 struct pw_context;
 struct pw_core;
 struct pw_stream;
+struct spa_pod;
 
 namespace zephlo::testing {
 
@@ -49,19 +57,24 @@ class PipeWireTestProducer {
   // returns its node, or nothing when it did not come up. It sends `first` as
   // soon as a reader is linked.
   std::optional<std::uint32_t> startStream(int width, int height, bool rgbOrder, Picture first);
-  // Sends one picture.
+  // Sends one picture after those already waiting.
   void show(Picture picture);
+  // Renegotiates the stream to `width`x`height`; pictures shown from now on
+  // go out at the new size.
+  void resize(int width, int height);
   // The stream goes away.
   void stopStream();
   // The PipeWire daemon dies.
   void killDaemon();
 
  private:
-  void offerBuffers();
+  void formatChanged(const spa_pod* param);
+  void offerFormat(int width, int height);
   void fill();
 
   std::string directory_;
   std::unique_ptr<ChildProcess> daemon_;
+  std::unique_ptr<ChildProcess> bus_;
   std::unique_ptr<ChildProcess> sessionManager_;
   bool ready_ = false;
   pw_thread_loop* loop_ = nullptr;
@@ -70,13 +83,13 @@ class PipeWireTestProducer {
   pw_stream* stream_ = nullptr;
   struct Hooks;
   std::unique_ptr<Hooks> hooks_;
-  // Guarded by the loop's lock.
+  // Guarded by the loop's lock. The size asked for, and the one negotiated.
+  int wantedWidth_ = 0;
+  int wantedHeight_ = 0;
   int width_ = 0;
   int height_ = 0;
   bool rgbOrder_ = false;
-  Picture picture_{{}, {}, {}};
-  bool streaming_ = false;
-  bool pending_ = false;
+  std::deque<Picture> pictures_;
 };
 
 }  // namespace zephlo::testing
