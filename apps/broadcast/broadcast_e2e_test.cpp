@@ -8,9 +8,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <ostream>
 #include <string>
@@ -278,20 +280,20 @@ class BroadcastEndToEndTest : public ::testing::TestWithParam<ServiceKind> {
   void storeApi() { ASSERT_EQ(keychain({"set", "zephlo.api", service_->apiUrl()}), 0); }
   void storeSession() { ASSERT_EQ(keychain({"set", "zephlo.session", service_->sessionId()}), 0); }
 
-  void startBroadcast(std::vector<std::string> extra = {}) {
+  void startBroadcast(std::vector<std::string> extra = {}, const std::map<std::string, std::string>& environment = {}) {
     std::vector<std::string> args{"--bundle", bundle_, "--keychain", keychain_, "--screen", "100x200@2",
                                   "--sample-rate", "10"};
     args.insert(args.end(), extra.begin(), extra.end());
-    broadcast_ = std::make_unique<ChildProcess>(ZEPHLO_BROADCAST_PROGRAM, args);
+    broadcast_ = std::make_unique<ChildProcess>(ZEPHLO_BROADCAST_PROGRAM, args, environment);
     ASSERT_GT(broadcast_->pid(), 0);
   }
   // An active full-device session, the broadcast streaming its first frame and
   // the control socket listening for changes.
-  void startStreaming(std::vector<std::string> extra = {}) {
+  void startStreaming(std::vector<std::string> extra = {}, const std::map<std::string, std::string>& environment = {}) {
     storeApi();
     storeSession();
     service_->answerWith({"active", true});
-    startBroadcast(std::move(extra));
+    startBroadcast(std::move(extra), environment);
     ASSERT_TRUE(service_->runUntil([&] { return service_->frames() >= 1 && service_->controlConnected(); }))
         << stderrText();
   }
@@ -471,6 +473,66 @@ std::pair<int, int> jpegSize(const Bytes& jpeg) {
   }
   tjDestroy(tj);
   return {width, height};
+}
+
+// The colour at the middle of a JPEG; black when it does not decode.
+std::array<int, 3> jpegMiddle(const Bytes& jpeg) {
+  const auto [width, height] = jpegSize(jpeg);
+  std::vector<unsigned char> rgb(static_cast<std::size_t>(width) * height * 3);
+  tjhandle tj = tjInitDecompress();
+  const bool decoded =
+      width > 0 && tjDecompress2(tj, jpeg.data(), jpeg.size(), rgb.data(), width, 0, height, TJPF_RGB, 0) == 0;
+  tjDestroy(tj);
+  if (!decoded) return {0, 0, 0};
+  const std::size_t at = (static_cast<std::size_t>(height / 2) * width + width / 2) * 3;
+  return {rgb[at], rgb[at + 1], rgb[at + 2]};
+}
+
+// A headless sway with PipeWire and the ScreenCast portal (scripts/headless-wayland):
+// the picture is the desktop's, and the compositor going away ends the broadcast
+// as a stop from the desktop would. Skipped where the desktop's packages are missing.
+TEST_P(BroadcastEndToEndTest, AWaylandDesktopStreamsThroughItsPortalUntilTheCompositorGoes) {
+  if (GetParam() != ServiceKind::Reference) GTEST_SKIP() << "the desktop's side does not depend on the service";
+  for (const char* program : {"/usr/bin/sway", "/usr/bin/swaybg", "/usr/bin/pipewire", "/usr/bin/wireplumber",
+                              "/usr/libexec/xdg-desktop-portal", "/usr/libexec/xdg-desktop-portal-wlr",
+                              "/usr/bin/python3", "/usr/bin/gdbus"}) {
+    if (!std::filesystem::exists(program)) GTEST_SKIP() << program << " is not installed";
+  }
+  // Short: the desktop's sockets live below it, and a socket's path has room for 107 bytes.
+  const auto state = std::filesystem::temp_directory_path() / ("zephlo-wl-" + std::to_string(::getpid()));
+  auto desktop = std::make_unique<ChildProcess>(
+      ZEPHLO_HEADLESS_WAYLAND, std::vector<std::string>{"--size", "320x240", "--background", "3366cc", "--state",
+                                                        state.string()});
+  // Torn down by its own trap, which a SIGKILL would skip.
+  struct TearDown {
+    ChildProcess& process;
+    std::filesystem::path state;
+    ~TearDown() {
+      process.signal(SIGTERM);
+      process.wait();
+      std::filesystem::remove_all(state);
+    }
+  } tearDown{*desktop, state};
+  ASSERT_TRUE(desktop->waitForStdout([](const std::string& line) { return line == "unset DISPLAY"; }))
+      << (desktop->stderrLines().empty() ? "" : desktop->stderrLines().back());
+  std::map<std::string, std::string> environment{{"DISPLAY", ""}};
+  for (const auto& line : desktop->stdoutLines()) {
+    if (!line.starts_with("export ")) continue;
+    const auto equals = line.find('=');
+    environment[line.substr(7, equals - 7)] = line.substr(equals + 1);
+  }
+
+  startStreaming({"--source", "wayland"}, environment);
+  EXPECT_EQ(jpegSize(service_->lastFrame()), std::pair(80, 60));
+  const auto colour = jpegMiddle(service_->lastFrame());
+  EXPECT_NEAR(colour[0], 0x33, 8);
+  EXPECT_NEAR(colour[1], 0x66, 8);
+  EXPECT_NEAR(colour[2], 0xcc, 8);
+
+  ChildProcess quit("/usr/bin/swaymsg", {"-s", environment["SWAYSOCK"], "exit"});
+  EXPECT_EQ(exitStatus(), 0) << stderrText();
+  const auto lines = broadcast_->stderrLines();
+  EXPECT_EQ(lines, (std::vector<std::string>{"Broadcast finished", "The shared screen went away"})) << stderrText();
 }
 
 // A desktop's screen reaches the agent at its own size in points: a 320x240

@@ -80,5 +80,34 @@ TEST(PixelConversionTest, Nv12ConversionMatchesThePlatformsOwn) {
   }
 }
 
+TEST(PixelConversionTest, ScreenPixelsBecomeOpaqueBgraInEitherOrder) {
+  // Two rows of three pixels, five bytes of row padding, garbage in the fourth byte.
+  const int stride = 17;
+  std::uint8_t screen[2 * stride] = {};
+  for (int y = 0; y < 2; ++y) {
+    for (int x = 0; x < 3; ++x) {
+      std::uint8_t* p = screen + y * stride + 4 * x;
+      p[0] = static_cast<std::uint8_t>(10 + x + 3 * y);
+      p[1] = static_cast<std::uint8_t>(100 + x);
+      p[2] = static_cast<std::uint8_t>(200 + y);
+      p[3] = 7;
+    }
+  }
+  for (bool swap : {false, true}) {
+    auto out = PixelBuffer::create(PixelFormat::BGRA, 3, 2);
+    copyToOpaqueBgra(screen, stride, 3, 2, swap, *out);
+    for (int y = 0; y < 2; ++y) {
+      for (int x = 0; x < 3; ++x) {
+        const std::uint8_t* in = screen + y * stride + 4 * x;
+        const std::uint8_t* p = out->plane(0) + y * out->stride(0) + 4 * x;
+        EXPECT_EQ(p[0], in[swap ? 2 : 0]) << swap << " " << x << "," << y;
+        EXPECT_EQ(p[1], in[1]);
+        EXPECT_EQ(p[2], in[swap ? 0 : 2]) << swap << " " << x << "," << y;
+        EXPECT_EQ(p[3], 255);
+      }
+    }
+  }
+}
+
 }  // namespace
 }  // namespace zephlo

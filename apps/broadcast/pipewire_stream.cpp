@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <mutex>
 #include <optional>
 
@@ -19,6 +20,10 @@
 namespace zephlo {
 
 namespace {
+
+// One buffer held downstream (the newest sample, or the one being encoded) and
+// one being filled: a third would only ever hold a picture nobody takes.
+constexpr std::size_t kPoolBuffers = 2;
 
 bool isRgbOrder(std::uint32_t format) { return format == SPA_VIDEO_FORMAT_RGBx || format == SPA_VIDEO_FORMAT_RGBA; }
 
@@ -126,10 +131,17 @@ std::unique_ptr<PipeWireStream> PipeWireStream::open(int fd, std::uint32_t nodeI
       if (id == SPA_PARAM_Format && param) static_cast<PipeWireStream*>(data)->formatChanged(param);
     };
     events.process = [](void* data) { static_cast<PipeWireStream*>(data)->process(); };
+    events.remove_buffer = [](void* data, pw_buffer* buffer) {
+      auto* self = static_cast<PipeWireStream*>(data);
+      if (self->held_ == buffer) self->held_ = nullptr;
+    };
     return events;
   }();
 
   pw_thread_loop_lock(stream->loop_);
+  stream->retry_ = pw_loop_add_timer(
+      pw_thread_loop_get_loop(stream->loop_),
+      [](void* data, std::uint64_t) { static_cast<PipeWireStream*>(data)->process(); }, stream.get());
   stream->core_ = pw_context_connect_fd(stream->context_, fd, nullptr, 0);
   if (stream->core_) {
     stream->listeners_ = std::make_unique<Listeners>();
@@ -248,19 +260,28 @@ void PipeWireStream::formatChanged(const spa_pod* param) {
 
 void PipeWireStream::process() {
   // Only the newest picture matters; older ones go back unread.
-  pw_buffer* newest = nullptr;
+  pw_buffer* newest = std::exchange(held_, nullptr);
   while (pw_buffer* buffer = pw_stream_dequeue_buffer(stream_)) {
     if (newest) pw_stream_queue_buffer(stream_, newest);
     newest = buffer;
   }
   if (!newest) return;
-  auto sample = running_ ? deliver(newest->buffer) : std::nullopt;
+  bool poolFull = false;
+  auto sample = running_ ? deliver(newest->buffer, &poolFull) : std::nullopt;
+  if (poolFull) {
+    // Kept for a moment rather than dropped: on a screen that then stays still
+    // it would be the last picture, and no other would come to replace it.
+    held_ = newest;
+    timespec soon{0, 4'000'000};
+    pw_loop_update_timer(pw_thread_loop_get_loop(loop_), retry_, &soon, nullptr, false);
+    return;
+  }
   // Given back before the sample travels on: the compositor draws into it next.
   pw_stream_queue_buffer(stream_, newest);
   if (sample && running_ && frame_) frame_(*sample);
 }
 
-std::optional<platform::SampleBuffer> PipeWireStream::deliver(const spa_buffer* buffer) {
+std::optional<platform::SampleBuffer> PipeWireStream::deliver(const spa_buffer* buffer, bool* poolFull) {
   if (buffer->n_datas < 1 || width_ <= 0 || height_ <= 0) return std::nullopt;
   const auto* header =
       static_cast<const spa_meta_header*>(spa_buffer_find_meta_data(buffer, SPA_META_Header, sizeof(spa_meta_header)));
@@ -298,10 +319,13 @@ std::optional<platform::SampleBuffer> PipeWireStream::deliver(const spa_buffer* 
   first += static_cast<std::ptrdiff_t>(y) * stride + x * bytesPerPixel;
 
   if (!pool_ || pool_->width() != width || pool_->height() != height) {
-    pool_ = std::make_unique<PixelBufferPool>(outputFormat_, width, height);
+    pool_ = std::make_unique<PixelBufferPool>(outputFormat_, width, height, kPoolBuffers);
   }
   auto out = pool_->acquire();
-  if (!out) return std::nullopt;
+  if (!out) {
+    *poolFull = pool_->size() == kPoolBuffers;
+    return std::nullopt;
+  }
 
   if (nv12) {
     // The chroma plane is the second data, or follows the luma in the first.

@@ -27,6 +27,7 @@
 #include "apps/broadcast/pixel_buffer_pool.hpp"
 #include "zephlo/platform/sample_buffer.hpp"
 
+struct pw_buffer;
 struct pw_thread_loop;
 struct pw_context;
 struct pw_core;
@@ -34,6 +35,7 @@ struct pw_registry;
 struct pw_stream;
 struct spa_buffer;
 struct spa_pod;
+struct spa_source;
 
 namespace zephlo {
 
@@ -64,8 +66,9 @@ class PipeWireStream {
   struct Listeners;
   void formatChanged(const spa_pod* param);
   void process();
-  // The buffer's picture copied into the pool; nothing for a buffer without one.
-  std::optional<platform::SampleBuffer> deliver(const spa_buffer* buffer);
+  // The buffer's picture copied into the pool; nothing for a buffer without one,
+  // or (with `poolFull` set) when every pool buffer is still held downstream.
+  std::optional<platform::SampleBuffer> deliver(const spa_buffer* buffer, bool* poolFull);
   void end(const std::string& why);
 
   std::uint32_t nodeId_;
@@ -86,6 +89,9 @@ class PipeWireStream {
   int width_ = 0;
   int height_ = 0;
   std::unique_ptr<PixelBufferPool> pool_;
+  // The newest picture, kept while the pool has no free buffer; `retry_` looks again.
+  pw_buffer* held_ = nullptr;
+  spa_source* retry_ = nullptr;
   std::vector<std::uint8_t> scratch_;
   FrameHandler frame_;
   EndHandler ended_;
