@@ -4,7 +4,6 @@
 
 #include <chrono>
 #include <future>
-#include <limits>
 
 #include "zephlo/platform/bundle.hpp"
 #include "zephlo/testing/refusing_port.hpp"
@@ -63,19 +62,9 @@ TEST_F(ZPHRequestTest, DefaultHeadersStartEmptyMergeAndGoOnEveryRequest) {
       {"X-ZephloPlatform", "ios"}, {"X-ZephloDevice", "B"}, {"X-ZephloSDKVersion", "2.6.0-alpha.1"}};
   EXPECT_EQ(ZPHRequest::headers(), expected);
 
-  const auto plain = ZPHRequest::urlRequest("http://x/a");
-  EXPECT_EQ(plain.url, "http://x/a");
-  EXPECT_EQ(plain.method, "GET");
-  EXPECT_FALSE(plain.body);
-  EXPECT_EQ(plain.timeout, std::chrono::seconds(60));
-  EXPECT_EQ(plain.headers.size(), 3u);
-  EXPECT_EQ(plain.header("X-ZephloDevice"), "B");
-
+  EXPECT_EQ(ZPHRequest::urlRequest("http://x/a").timeout, std::chrono::seconds(60));
+  // Socket requests carry them too; their URL, token and agent show in the device's socket test.
   const auto socket = ZPHRequest::socketRequest("wss://s.example/c/1", "tok");
-  EXPECT_EQ(socket.url, "wss://s.example/c/1/sockets/1/ws");
-  EXPECT_EQ(socket.header("Authorization"), "Bearer tok");
-  EXPECT_EQ(socket.header("User-Agent"), "ZephloBroadcast/1");  // the demo bundle
-  EXPECT_EQ(socket.header("X-ZephloPlatform"), "ios");
   EXPECT_EQ(socket.header("X-ZephloDevice"), "B");
   EXPECT_EQ(socket.timeout, std::chrono::seconds(10));
 
@@ -103,22 +92,15 @@ TEST_F(ZPHRequestTest, SocketRequestFormatsAMissingBundleEntryAsNull) {
   EXPECT_EQ(request.header("User-Agent"), "(null)/7");
 }
 
-TEST_F(ZPHRequestTest, SendsMethodAndJsonBodyAndHandsBackTheResponseHeaders) {
+// Methods and JSON bodies of every verb show in the REST resource's tests.
+TEST_F(ZPHRequestTest, HandsBackTheResponseHeaders) {
   Response withId = Response::json(200, "{}");
   withId.headers.emplace_back("X-Request-Id", "r-9");
   server_.route("GET", "/g", withId);
-  server_.route("PUT", "/p", Response::json(200, "{}"));
   const Reply got = send(server_.url("/g"), {});
   ASSERT_TRUE(got.response);
   EXPECT_EQ(got.response->header("x-request-id"), "r-9");
   EXPECT_EQ(got.response->header("Content-Type"), "application/json");
-  send(server_.url("/p"), ValueMap{{"method", "PUT"}, {"body", ValueMap{{"a", ValueArray{1, "x", nullptr}}}}});
-  const auto requests = server_.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_EQ(requests[0].method, "GET");
-  EXPECT_TRUE(requests[0].body.empty());
-  EXPECT_EQ(requests[1].method, "PUT");
-  EXPECT_EQ(requests[1].body, R"({"a":[1,"x",null]})");
 }
 
 TEST_F(ZPHRequestTest, OutcomesReachTheMainQueueInTheirOrder) {
@@ -173,24 +155,18 @@ TEST_F(ZPHRequestTest, OutcomesReachTheMainQueueInTheirOrder) {
 
 TEST_F(ZPHRequestTest, UnencodableBodyFailsOnTheMainQueueWithoutTraffic) {
   server_.route("POST", "/e", Response::json(200, "{}"));
-  const Value bodies[] = {
-      ValueMap{{"image", Bytes{0xff, 0xd8}}},
-      ValueMap{{"scale", std::numeric_limits<double>::quiet_NaN()}},
-      Value("a bare string"),
-  };
-  for (const auto& body : bodies) {
-    SCOPED_TRACE(body.debugString());
-    Reply reply;
-    ZPHRequest::request(server_.url("/e"), ValueMap{{"method", "POST"}, {"body", body}}, into(reply));
-    EXPECT_FALSE(reply.called);  // posted, never called from inside `request`
-    ASSERT_TRUE(queue().runUntil([&] { return reply.called; }));
-    EXPECT_TRUE(reply.onMainQueue);
-    ASSERT_TRUE(reply.error);
-    EXPECT_EQ(reply.error->domain, kJSONErrorDomain);
-    EXPECT_EQ(reply.error->code, kJSONEncodeError);
-    EXPECT_TRUE(reply.body.isNull());
-    EXPECT_FALSE(reply.response);
-  }
+  // What JSON cannot carry is listed in the JSON tests; bytes are one such thing.
+  Reply reply;
+  ZPHRequest::request(server_.url("/e"), ValueMap{{"method", "POST"}, {"body", ValueMap{{"image", Bytes{0xff}}}}},
+                      into(reply));
+  EXPECT_FALSE(reply.called);  // posted, never called from inside `request`
+  ASSERT_TRUE(queue().runUntil([&] { return reply.called; }));
+  EXPECT_TRUE(reply.onMainQueue);
+  ASSERT_TRUE(reply.error);
+  EXPECT_EQ(reply.error->domain, kJSONErrorDomain);
+  EXPECT_EQ(reply.error->code, kJSONEncodeError);
+  EXPECT_TRUE(reply.body.isNull());
+  EXPECT_FALSE(reply.response);
   // A later good request is the first the server sees.
   send(server_.url("/e"), ValueMap{{"method", "POST"}, {"body", ValueMap{}}});
   EXPECT_EQ(server_.requestCount(), 1u);
