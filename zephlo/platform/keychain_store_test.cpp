@@ -205,20 +205,6 @@ TEST_F(KeychainStoreTest, StoresThatCannotOpenAnswerNotAvailable) {
   EXPECT_FALSE(fs::exists(dir_ / "absent.db"));
 }
 
-TEST_F(KeychainStoreTest, FaultHookAnswersInsteadOfTheDatabase) {
-  std::vector<KeychainOperation> seen;
-  store_->setFaultHook([&](KeychainOperation operation) -> std::optional<KeychainStatus> {
-    seen.push_back(operation);
-    return operation == KeychainOperation::Delete ? std::optional(kKeychainIO) : std::nullopt;
-  });
-  EXPECT_EQ(store_->add(item("k", {}, "v")), kKeychainSuccess);
-  EXPECT_EQ(store_->deleteItems(item("k")), kKeychainIO);
-  EXPECT_EQ(valueOf(*store_, item("k")), "v");
-  EXPECT_EQ(seen, (std::vector{KeychainOperation::Add, KeychainOperation::Delete, KeychainOperation::CopyMatching}));
-  store_->setFaultHook(nullptr);
-  EXPECT_EQ(store_->deleteItems(item("k")), kKeychainSuccess);
-}
-
 TEST_F(KeychainStoreTest, SharedStoreIsTheHostsOrTheOneAtTheDefaultPath) {
   const struct {
     std::map<std::string, std::string> env;

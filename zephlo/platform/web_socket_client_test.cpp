@@ -3,13 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 
 #include "zephlo/testing/main_queue_fixture.hpp"
 #include "zephlo/testing/refusing_port.hpp"
+#include "zephlo/testing/test_certificates.hpp"
 #include "zephlo/testing/web_socket_test_server.hpp"
 
 namespace zephlo::platform {
@@ -189,55 +186,8 @@ TEST_F(WebSocketClientTest, EveryWriteCompletesOnceWhenTheConnectionDropsUnderIt
   }
 }
 
-// Two self-signed server certificates made with the openssl command: "local" for
-// localhost and 127.0.0.1, "other" for another host only. trust.pem holds both.
-class TlsFiles {
- public:
-  TlsFiles() : dir_(std::filesystem::temp_directory_path() / ("zephlo-tls-" + std::to_string(::getpid()))) {
-    std::filesystem::create_directories(dir_);
-    std::string script = "cd " + dir_.string();
-    for (const std::string name : {"local", "other"})
-      script += " && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -keyout " + name +
-                ".key -out " + name + ".pem -subj /CN=" + name + " -addext subjectAltName=" +
-                (name == "local" ? "DNS:localhost,IP:127.0.0.1" : "DNS:other.example");
-    ok_ = std::system(("(" + script + " && cat local.pem other.pem >trust.pem) >/dev/null 2>&1").c_str()) == 0;
-  }
-  ~TlsFiles() {
-    std::error_code ignored;
-    std::filesystem::remove_all(dir_, ignored);
-  }
-  bool ok() const { return ok_; }
-  std::string trustFile() const { return (dir_ / "trust.pem").string(); }
-  testing::TlsIdentity identity(const std::string& name) const { return {read(name + ".pem"), read(name + ".key")}; }
-
- private:
-  std::string read(const std::string& file) const {
-    std::ifstream in(dir_ / file);
-    return {std::istreambuf_iterator<char>(in), {}};
-  }
-
-  std::filesystem::path dir_;
-  bool ok_ = false;
-};
-
-// Sets SSL_CERT_FILE, or clears it, for one scope.
-class CertFileEnv {
- public:
-  explicit CertFileEnv(const std::optional<std::string>& file) {
-    if (const char* old = std::getenv("SSL_CERT_FILE")) old_ = old;
-    set(file);
-  }
-  ~CertFileEnv() { set(old_); }
-
- private:
-  static void set(const std::optional<std::string>& file) {
-    file ? ::setenv("SSL_CERT_FILE", file->c_str(), 1) : ::unsetenv("SSL_CERT_FILE");
-  }
-  std::optional<std::string> old_;
-};
-
 TEST_F(WebSocketClientTest, SecureConnectionsTrustOnlyVerifiedPeersForTheirHost) {
-  TlsFiles tls;
+  testing::TestCertificates tls;
   ASSERT_TRUE(tls.ok()) << "openssl could not make the test certificates";
   WebSocketTestServer local(WebSocketTestServer::Options::secure(tls.identity("local")));
   WebSocketTestServer other(WebSocketTestServer::Options::secure(tls.identity("other")));
@@ -256,7 +206,7 @@ TEST_F(WebSocketClientTest, SecureConnectionsTrustOnlyVerifiedPeersForTheirHost)
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    CertFileEnv env(c.trust);
+    testing::CertFileEnv env(c.trust);
     events_ = {};
     auto client = open(c.url);
     ASSERT_TRUE(until([&] { return events_.connects + events_.disconnects > 0; }));
