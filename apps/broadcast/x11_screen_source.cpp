@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "apps/broadcast/pixel_conversion.hpp"
+#include "zephlo/capture/frame_loop.hpp"
 #include "zephlo/platform/log.hpp"
 
 namespace zephlo {
@@ -27,6 +28,11 @@ namespace {
 // Two buffers: the one the frame source holds and the one being filled. When the
 // renderer still reads the older one, the sample waits for the next tick.
 constexpr std::size_t kPoolBuffers = 2;
+// The frame loop renders at most one sample a tick: a sample that meant writing
+// the whole screen into its buffer is followed by the next no sooner than a tick
+// later, since most of those written in between would never be rendered. Small
+// changes keep the sample rate; the first change after a pause goes out at once.
+constexpr std::chrono::nanoseconds kWholeScreenInterval = ZPHFrameLoop::kIdleTickInterval;
 // DAMAGE can miss changes (GL drivers, compositors): every kCheckInterval one
 // of kCheckBands bands of the screen is read and compared with the copy, so a
 // missed change shows within kCheckBands * kCheckInterval.
@@ -254,8 +260,13 @@ void X11ScreenSource::run() {
     const bool fetchDue = damaged_ || !damage_;
     if ((fetchDue || sampleDue) && now >= nextAllowed) {
       if (fetchDue && capture()) sampleDue = true;
-      if (sampleDue) sampleDue = !deliver();
-      nextAllowed = now + interval_;
+      auto pause = interval_;
+      if (sampleDue) {
+        const Delivered delivered = deliver();
+        sampleDue = delivered == Delivered::Nothing;
+        if (delivered == Delivered::WholeScreen) pause = std::max(pause, kWholeScreenInterval);
+      }
+      nextAllowed = now + pause;
       continue;
     }
     auto wakeAt = Clock::time_point::max();  // nothing to do until the screen changes
@@ -399,9 +410,10 @@ void X11ScreenSource::Changes::add(const Changes& more, int width, int height) {
   for (const auto& rect : more.rects) add(rect, width, height);
 }
 
-bool X11ScreenSource::deliver() {
+X11ScreenSource::Delivered X11ScreenSource::deliver() {
   auto buffer = pool_->acquire();
-  if (!buffer) return false;
+  if (!buffer) return Delivered::Nothing;
+  bool wholeScreen = true;
   if (buffer->format() == platform::PixelFormat::BGRA) {
     // A reused buffer lacks only what changed since it last held the screen.
     auto [entry, isNew] = stale_.try_emplace(buffer.get());
@@ -412,17 +424,20 @@ bool X11ScreenSource::deliver() {
       if (other != buffer.get()) otherLacks.add(changed_, width_, height_);
     }
     const std::vector<Rect> whole{{0, 0, width_, height_}};
+    std::int64_t area = 0;
     for (const auto& rect : lacks.whole ? whole : lacks.rects) {
       copyRect(mirror_ + (static_cast<std::size_t>(rect.y) * width_ + rect.x) * 4, width_ * 4, rect,
                buffer->mutablePlane(0), buffer->stride(0));
+      area += static_cast<std::int64_t>(rect.width) * rect.height;
     }
+    wholeScreen = 2 * area > static_cast<std::int64_t>(width_) * height_;
     lacks = {};
   } else {
     convertBgraToNv12(mirror_, width_ * 4, width_, height_, *buffer);
   }
   changed_ = {};
   sink_(platform::SampleBuffer(std::move(buffer), orientation_));
-  return true;
+  return wholeScreen ? Delivered::WholeScreen : Delivered::Changes;
 }
 
 }  // namespace zephlo

@@ -2,7 +2,8 @@
 // root window, keeps a copy of the screen up to date by fetching only the
 // damaged rectangles through MIT-SHM (the whole screen when most of it changed),
 // and delivers a sample only after something changed, at most at the sample
-// rate: an idle desktop costs next to nothing. DAMAGE is taken as a hint: one
+// rate (a whole screen at most once a frame loop tick, as the loop renders no
+// more): an idle desktop costs next to nothing. DAMAGE is taken as a hint: one
 // band of the screen is compared with the copy four times a second, so a change
 // it missed still shows within two seconds. Where the server has no DAMAGE it grabs
 // the whole screen at every tick of the sample rate and delivers it when it
@@ -89,8 +90,10 @@ class X11ScreenSource : public ScreenSource {
   // Reads `rects` from the screen and hands each one's rows (rect.width * 4
   // bytes each) to `use`.
   void fetch(const std::vector<Rect>& rects, const std::function<void(const Rect&, const std::uint8_t*)>& use);
-  // Whether a buffer was free for the sample.
-  bool deliver();
+  // What delivering the sample took: nothing (no buffer was free), the changes
+  // the buffer lacked, or (most of) the whole screen (NV12 is converted whole).
+  enum class Delivered { Nothing, Changes, WholeScreen };
+  Delivered deliver();
 
   xcb_connection_t* connection_;
   std::uint32_t root_;
