@@ -31,39 +31,37 @@ constexpr Rgb kRed{255, 0, 0}, kGreen{0, 255, 0}, kBlue{0, 0, 255}, kWhite{255, 
 // What a source or stream delivered, for the test's thread to wait on.
 class Received {
  public:
-  void sample(const platform::SampleBuffer& sample) {
-    std::lock_guard lock(mutex_);
-    samples_.push_back(sample);
-    changed_.notify_all();
-  }
-  void ended(const std::string& why) {
-    std::lock_guard lock(mutex_);
-    ended_.push_back(why);
-    changed_.notify_all();
+  // Starts `source` (a screen source or a PipeWire stream) delivering here.
+  template <class Source>
+  void listenTo(Source& source) {
+    source.start([this](const platform::SampleBuffer& s) { add(samples_, s); },
+                 [this](const std::string& why) { add(ended_, why); });
   }
   // The `n`th sample (from 1), waiting at most `limit` for it.
   std::optional<platform::SampleBuffer> waitForSample(std::size_t n, std::chrono::milliseconds limit = 20s) {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, limit, [&] { return samples_.size() >= n; });
-    if (samples_.size() < n) return std::nullopt;
+    if (!changed_.wait_for(lock, limit, [&] { return samples_.size() >= n; })) return std::nullopt;
     return samples_[n - 1];
   }
   std::optional<std::string> waitForEnd() {
     std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, 20s, [&] { return !ended_.empty(); });
-    if (ended_.empty()) return std::nullopt;
+    if (!changed_.wait_for(lock, 20s, [&] { return !ended_.empty(); })) return std::nullopt;
     return ended_.front();
   }
-  std::size_t sampleCount() {
+  // How many samples and ends came.
+  std::pair<std::size_t, std::size_t> counts() {
     std::lock_guard lock(mutex_);
-    return samples_.size();
-  }
-  std::size_t endCount() {
-    std::lock_guard lock(mutex_);
-    return ended_.size();
+    return {samples_.size(), ended_.size()};
   }
 
  private:
+  template <class T>
+  void add(std::vector<T>& to, const T& what) {
+    std::lock_guard lock(mutex_);
+    to.push_back(what);
+    changed_.notify_all();
+  }
+
   std::mutex mutex_;
   std::condition_variable changed_;
   std::vector<platform::SampleBuffer> samples_;
@@ -135,8 +133,7 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
   auto stream = PipeWireStream::open(producer_->connect(), *node, platform::PixelFormat::BGRA, 6, &error);
   ASSERT_TRUE(stream) << error;
   Received received;
-  stream->start([&](const platform::SampleBuffer& s) { received.sample(s); },
-                [&](const std::string& why) { received.ended(why); });
+  received.listenTo(*stream);
 
   auto first = received.waitForSample(1);
   ASSERT_TRUE(first) << "no picture arrived";
@@ -147,7 +144,7 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
   // A still screen sends nothing, and that is not an end. (Bounded look for
   // something that must not come.)
   EXPECT_FALSE(received.waitForSample(2, 500ms)) << "a picture came from a still screen";
-  EXPECT_EQ(received.endCount(), 0u);
+  EXPECT_EQ(received.counts().second, 0u);
 
   // A corrupted picture is skipped: the next good one is the second sample.
   producer_->show({kYellow, kYellow, kYellow, true});
@@ -179,11 +176,10 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
   Received nextReceived;
   auto nextStream = PipeWireStream::open(producer_->connect(), *next, platform::PixelFormat::BGRA, 1, &error);
   ASSERT_TRUE(nextStream) << error;
-  nextStream->start([&](const platform::SampleBuffer& s) { nextReceived.sample(s); }, [](const std::string&) {});
+  nextReceived.listenTo(*nextStream);
   EXPECT_TRUE(nextReceived.waitForSample(1)) << "the next screen's picture went elsewhere";
   stream->stop();
-  EXPECT_EQ(received.sampleCount(), 4u);
-  EXPECT_EQ(received.endCount(), 1u);
+  EXPECT_EQ(received.counts(), (std::pair<std::size_t, std::size_t>(4, 1)));
 }
 
 TEST_F(WaylandCaptureTest, RgbStreamsComeAsNv12AndStopReturnsWhateverPipeWireDoes) {
@@ -193,8 +189,7 @@ TEST_F(WaylandCaptureTest, RgbStreamsComeAsNv12AndStopReturnsWhateverPipeWireDoe
   Received received;
   auto stream = PipeWireStream::open(producer_->connect(), *node, platform::PixelFormat::NV12, 1, &error);
   ASSERT_TRUE(stream) << error;
-  stream->start([&](const platform::SampleBuffer& s) { received.sample(s); },
-                [&](const std::string& why) { received.ended(why); });
+  received.listenTo(*stream);
   auto sample = received.waitForSample(1);
   ASSERT_TRUE(sample);
   EXPECT_EQ(sample->imageBuffer()->format(), platform::PixelFormat::NV12);
@@ -203,7 +198,7 @@ TEST_F(WaylandCaptureTest, RgbStreamsComeAsNv12AndStopReturnsWhateverPipeWireDoe
   producer_->killDaemon();
   EXPECT_EQ(received.waitForEnd(), "PipeWire went away");
   mustReturn("stop after PipeWire went away", [&] { stream->stop(); });
-  EXPECT_EQ(received.endCount(), 1u);
+  EXPECT_EQ(received.counts().second, 1u);
 
   // A PipeWire that never answers: stopping and closing still return.
   int pair[2];
@@ -269,8 +264,7 @@ TEST_F(WaylandCaptureTest, ThePortalsAnswersAreHeededAndTheChoiceIsRemembered) {
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 
   Received received;
-  source->start([&](const platform::SampleBuffer& s) { received.sample(s); },
-                [&](const std::string& why) { received.ended(why); });
+  received.listenTo(*source);
   auto sample = received.waitForSample(1);
   ASSERT_TRUE(sample) << "the picture sent before start was lost";
   EXPECT_EQ(colourAt(*sample, 120, 4), kGreen);
@@ -279,7 +273,7 @@ TEST_F(WaylandCaptureTest, ThePortalsAnswersAreHeededAndTheChoiceIsRemembered) {
   portal.closeSession();
   EXPECT_EQ(received.waitForEnd(), "Screen sharing was stopped from the desktop");
   source->stop();
-  EXPECT_EQ(received.endCount(), 1u);
+  EXPECT_EQ(received.counts().second, 1u);
   EXPECT_TRUE(portal.sessionClosed()) << "our side of the session is closed too";
   source.reset();
 
