@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <filesystem>
 #include <future>
 #include <iostream>
@@ -18,6 +17,7 @@
 #include "apps/broadcast/pipewire_test_producer.hpp"
 #include "apps/broadcast/portal_stand_in.hpp"
 #include "apps/broadcast/screen_cast_portal.hpp"
+#include "zephlo/testing/sample_recorder.hpp"
 
 namespace zephlo {
 namespace {
@@ -27,46 +27,6 @@ using testing::PipeWireTestProducer;
 using testing::PortalStandIn;
 
 constexpr Rgb kRed{255, 0, 0}, kGreen{0, 255, 0}, kBlue{0, 0, 255}, kWhite{255, 255, 255}, kYellow{255, 255, 0};
-
-// What a source or stream delivered, for the test's thread to wait on.
-class Received {
- public:
-  // Starts `source` (a screen source or a PipeWire stream) delivering here.
-  template <class Source>
-  void listenTo(Source& source) {
-    source.start([this](const platform::SampleBuffer& s) { add(samples_, s); },
-                 [this](const std::string& why) { add(ended_, why); });
-  }
-  // The `n`th sample (from 1), waiting at most `limit` for it.
-  std::optional<platform::SampleBuffer> waitForSample(std::size_t n, std::chrono::milliseconds limit = 20s) {
-    std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, limit, [&] { return samples_.size() >= n; })) return std::nullopt;
-    return samples_[n - 1];
-  }
-  std::optional<std::string> waitForEnd() {
-    std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, 20s, [&] { return !ended_.empty(); })) return std::nullopt;
-    return ended_.front();
-  }
-  // How many samples and ends came.
-  std::pair<std::size_t, std::size_t> counts() {
-    std::lock_guard lock(mutex_);
-    return {samples_.size(), ended_.size()};
-  }
-
- private:
-  template <class T>
-  void add(std::vector<T>& to, const T& what) {
-    std::lock_guard lock(mutex_);
-    to.push_back(what);
-    changed_.notify_all();
-  }
-
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<platform::SampleBuffer> samples_;
-  std::vector<std::string> ended_;
-};
 
 Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
   return Canvas(const_cast<platform::PixelBuffer&>(*sample.imageBuffer())).at(x, y);
@@ -132,7 +92,7 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
   std::string error;
   auto stream = PipeWireStream::open(producer_->connect(), *node, platform::PixelFormat::BGRA, 6, &error);
   ASSERT_TRUE(stream) << error;
-  Received received;
+  testing::SampleRecorder received;
   received.listenTo(*stream);
 
   auto first = received.waitForSample(1);
@@ -144,7 +104,7 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
   // A still screen sends nothing, and that is not an end. (Bounded look for
   // something that must not come.)
   EXPECT_FALSE(received.waitForSample(2, 500ms)) << "a picture came from a still screen";
-  EXPECT_EQ(received.counts().second, 0u);
+  EXPECT_EQ(received.endCount(), 0u);
 
   // A corrupted picture is skipped: the next good one is the second sample.
   producer_->show({kYellow, kYellow, kYellow, true});
@@ -173,20 +133,21 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
   // goes to its own reader.
   auto next = producer_->startStream(32, 32, false, {kBlue, kBlue, kBlue});
   ASSERT_TRUE(next);
-  Received nextReceived;
+  testing::SampleRecorder nextReceived;
   auto nextStream = PipeWireStream::open(producer_->connect(), *next, platform::PixelFormat::BGRA, 1, &error);
   ASSERT_TRUE(nextStream) << error;
   nextReceived.listenTo(*nextStream);
   EXPECT_TRUE(nextReceived.waitForSample(1)) << "the next screen's picture went elsewhere";
   stream->stop();
-  EXPECT_EQ(received.counts(), (std::pair<std::size_t, std::size_t>(4, 1)));
+  EXPECT_EQ(received.sampleCount(), 4u);
+  EXPECT_EQ(received.endCount(), 1u);
 }
 
 TEST_F(WaylandCaptureTest, RgbStreamsComeAsNv12AndStopReturnsWhateverPipeWireDoes) {
   auto node = startProducer(32, 32, {kRed, kGreen, kBlue}, true);
   ASSERT_TRUE(node);
   std::string error;
-  Received received;
+  testing::SampleRecorder received;
   auto stream = PipeWireStream::open(producer_->connect(), *node, platform::PixelFormat::NV12, 1, &error);
   ASSERT_TRUE(stream) << error;
   received.listenTo(*stream);
@@ -198,7 +159,7 @@ TEST_F(WaylandCaptureTest, RgbStreamsComeAsNv12AndStopReturnsWhateverPipeWireDoe
   producer_->killDaemon();
   EXPECT_EQ(received.waitForEnd(), "PipeWire went away");
   mustReturn("stop after PipeWire went away", [&] { stream->stop(); });
-  EXPECT_EQ(received.counts().second, 1u);
+  EXPECT_EQ(received.endCount(), 1u);
 
   // A PipeWire that never answers: stopping and closing still return.
   int pair[2];
@@ -263,7 +224,7 @@ TEST_F(WaylandCaptureTest, ThePortalsAnswersAreHeededAndTheChoiceIsRemembered) {
   ASSERT_EQ(::stat(tokens.path().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 
-  Received received;
+  testing::SampleRecorder received;
   received.listenTo(*source);
   auto sample = received.waitForSample(1);
   ASSERT_TRUE(sample) << "the picture sent before start was lost";
@@ -273,7 +234,7 @@ TEST_F(WaylandCaptureTest, ThePortalsAnswersAreHeededAndTheChoiceIsRemembered) {
   portal.closeSession();
   EXPECT_EQ(received.waitForEnd(), "Screen sharing was stopped from the desktop");
   source->stop();
-  EXPECT_EQ(received.counts().second, 1u);
+  EXPECT_EQ(received.endCount(), 1u);
   EXPECT_TRUE(portal.sessionClosed()) << "our side of the session is closed too";
   source.reset();
 

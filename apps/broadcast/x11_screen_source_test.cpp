@@ -3,16 +3,15 @@
 #include <gtest/gtest.h>
 #include <xcb/xcb.h>
 
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 
 #include "apps/broadcast/broadcast_host.hpp"
 #include "apps/broadcast/canvas.hpp"
 #include "apps/broadcast/child_process.hpp"
+#include "zephlo/testing/sample_recorder.hpp"
 
 namespace zephlo {
 namespace {
@@ -22,41 +21,6 @@ using namespace std::chrono_literals;
 Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
   return Canvas(const_cast<platform::PixelBuffer&>(*sample.imageBuffer())).at(x, y);
 }
-
-// Copies of the samples a started source delivers, as they arrive. Like the
-// frame source, it holds the newest sample itself and lets the older go.
-class Samples {
- public:
-  ScreenSource::Sink sink() {
-    return [this](const platform::SampleBuffer& sample) {
-      const auto& in = *sample.imageBuffer();
-      auto copy = platform::PixelBuffer::create(in.format(), in.width(), in.height());
-      for (int p = 0; p < in.planeCount(); ++p) {
-        std::memcpy(copy->mutablePlane(p), in.plane(p), static_cast<std::size_t>(in.stride(p)) * in.planeHeight(p));
-      }
-      std::lock_guard lock(mutex_);
-      newest_ = sample;
-      samples_.emplace_back(std::move(copy), sample.orientationAttachment());
-      arrived_.notify_all();
-    };
-  }
-  // The `n`th sample (from 1), once it has arrived; nothing after `timeout`.
-  std::optional<platform::SampleBuffer> await(std::size_t n, std::chrono::milliseconds timeout = 20s) {
-    std::unique_lock lock(mutex_);
-    if (!arrived_.wait_for(lock, timeout, [&] { return samples_.size() >= n; })) return std::nullopt;
-    return samples_[n - 1];
-  }
-  std::size_t count() {
-    std::lock_guard lock(mutex_);
-    return samples_.size();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<platform::SampleBuffer> samples_;
-  platform::SampleBuffer newest_;
-};
 
 // An Xvfb server on a free display number with a black root window, started
 // with `extra` arguments (extensions to leave out, or "-fbdir" for its screen in a
@@ -124,26 +88,26 @@ TEST_F(X11ScreenSourceTest, EachMethodDeliversTheScreenAndWhatIsDrawnOnIt) {
     EXPECT_EQ(source->method(),
               std::string(damage ? "DAMAGE" : "polling") + (left != "MIT-SHM" ? " with MIT-SHM" : " with GetImage"));
     fill(0, 0, 320, 240, 0x203040);
-    Samples samples;
+    testing::SampleRecorder samples;
     source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
 
-    auto first = samples.await(1);
+    auto first = samples.waitForSample(1);
     ASSERT_TRUE(first);
     // The first sample may come before the fill reaches the screen; wait for it.
     for (std::size_t n = 2; colourAt(*first, 300, 200) != Rgb{0x20, 0x30, 0x40}; ++n) {
-      first = samples.await(n);
+      first = samples.waitForSample(n);
       ASSERT_TRUE(first) << "the filled screen never arrived";
     }
     EXPECT_EQ(first->imageBuffer()->width(), 320);
     EXPECT_EQ(first->imageBuffer()->height(), 240);
     EXPECT_EQ(first->orientationAttachment(), 6);
-    const std::size_t before = samples.count();
-    EXPECT_TRUE(!damage || !samples.await(before + 1, 1s)) << "a still screen delivered a sample";
+    const std::size_t before = samples.sampleCount();
+    EXPECT_TRUE(!damage || !samples.waitForSample(before + 1, 1s)) << "a still screen delivered a sample";
 
     fill(100, 80, 20, 10, 0xff0000);
-    auto changed = samples.await(before + 1);
+    auto changed = samples.waitForSample(before + 1);
     ASSERT_TRUE(changed);
-    EXPECT_TRUE(!damage || !samples.await(before + 2, 500ms)) << "one change, one sample";
+    EXPECT_TRUE(!damage || !samples.waitForSample(before + 2, 500ms)) << "one change, one sample";
     EXPECT_EQ(colourAt(*changed, 110, 85), (Rgb{255, 0, 0}));
     // Every pixel outside the rectangle is as it was.
     const auto& a = *first->imageBuffer();
@@ -162,7 +126,7 @@ TEST_F(X11ScreenSourceTest, EachMethodDeliversTheScreenAndWhatIsDrawnOnIt) {
     testing::ChildProcess window("/usr/bin/xlogo",
                                  {"-display", display_, "-geometry", "60x60+200+20", "-bg", "green", "-fg", "green"});
     std::optional<platform::SampleBuffer> shown;
-    for (std::size_t n = samples.count() + 1; (shown = samples.await(n)); ++n) {
+    for (std::size_t n = samples.sampleCount() + 1; (shown = samples.waitForSample(n)); ++n) {
       if (colourAt(*shown, 230, 50) == Rgb{0, 255, 0}) break;
     }
     ASSERT_TRUE(shown) << "the window never showed";
@@ -188,22 +152,13 @@ TEST_F(X11ScreenSourceTest, TakesTheScaleFromXftDpiAndEndsWhenTheDisplayGoes) {
   ASSERT_TRUE(hidpi) << error;
   EXPECT_EQ(hidpi->desktopScale(), 2);
 
-  Samples samples;
-  std::mutex mutex;
-  std::condition_variable endedCall;
-  std::optional<std::string> why;
-  hidpi->start(samples.sink(), [&](const std::string& line) {
-    std::lock_guard lock(mutex);
-    why = line;
-    endedCall.notify_all();
-  });
-  auto first = samples.await(1);
+  testing::SampleRecorder samples;
+  samples.listenTo(*hidpi);
+  auto first = samples.waitForSample(1);
   ASSERT_TRUE(first);
   EXPECT_EQ(first->imageBuffer()->format(), platform::PixelFormat::NV12);
   server_.reset();
-  std::unique_lock lock(mutex);
-  EXPECT_TRUE(endedCall.wait_for(lock, 20s, [&] { return why.has_value(); }));
-  EXPECT_EQ(why, "The X11 display went away");
+  EXPECT_EQ(samples.waitForEnd(), "The X11 display went away");
 }
 
 // A change the server reports no damage for (written straight into its screen
@@ -214,9 +169,9 @@ TEST_F(X11ScreenSourceTest, AChangeWithoutDamageStillArrives) {
   auto source = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 1, 30, &error);
   ASSERT_TRUE(source) << error;
   ASSERT_EQ(source->method(), "DAMAGE with MIT-SHM");
-  Samples samples;
+  testing::SampleRecorder samples;
   source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
-  ASSERT_TRUE(samples.await(1));
+  ASSERT_TRUE(samples.waitForSample(1));
 
   // An XWD dump: big-endian header words, then the colour map, then the rows.
   std::fstream file(fbdir_ + "/Xvfb_screen0", std::ios::binary | std::ios::in | std::ios::out);
@@ -232,7 +187,7 @@ TEST_F(X11ScreenSourceTest, AChangeWithoutDamageStillArrives) {
   }
   file.flush();
   std::optional<platform::SampleBuffer> healed;
-  for (std::size_t n = 2; (healed = samples.await(n, 10s)); ++n) {
+  for (std::size_t n = 2; (healed = samples.waitForSample(n, 10s)); ++n) {
     if (colourAt(*healed, 155, 205) == Rgb{255, 0, 0}) break;
   }
   EXPECT_TRUE(healed) << "the change never arrived";
