@@ -54,12 +54,19 @@ class ImageFolderSourceTest : public ::testing::Test {
 };
 
 TEST_F(ImageFolderSourceTest, ShowsTheJpegsInNameOrderOneASecondThenStartsAgain) {
+  // A folder without JPEGs, or none at all, is refused.
+  std::string error;
+  write("notes.txt", {1, 2, 3});
+  EXPECT_FALSE(ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 8, 8, 1, 30, &error));
+  EXPECT_NE(error.find("no JPEG"), std::string::npos) << error;
+  error.clear();
+  EXPECT_FALSE(ImageFolderSource::open((dir_ / "missing").string(), PixelFormat::BGRA, 8, 8, 1, 30, &error));
+  EXPECT_FALSE(error.empty());
+
   write("b.jpg", jpegOf(16, 16, {0, 200, 0}));
   write("a.jpeg", jpegOf(16, 16, {200, 0, 0}));
   write("c.JPG", jpegOf(16, 16, {0, 0, 200}));
   write("broken.jpg", {0xFF, 0xD8, 0x00, 0x01});  // does not decode: shows black
-  write("notes.txt", {1, 2, 3});
-  std::string error;
   auto source = ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 32, 32, 1, 30, &error);
   ASSERT_TRUE(source) << error;
   ASSERT_EQ(source->files().size(), 4u);
@@ -89,15 +96,6 @@ TEST_F(ImageFolderSourceTest, APictureIsLetterboxedOnBlackAndKeepsItsBufferWithi
     EXPECT_TRUE(near(colourAt(*sample, 50, 90), {0, 0, 0}));
     EXPECT_EQ(source->sampleAt(999ms)->imageBuffer(), sample->imageBuffer());
   }
-}
-
-TEST_F(ImageFolderSourceTest, AFolderWithoutJpegsOrMissingIsRefused) {
-  std::string error;
-  EXPECT_FALSE(ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 8, 8, 1, 30, &error));
-  EXPECT_NE(error.find("no JPEG"), std::string::npos);
-  error.clear();
-  EXPECT_FALSE(ImageFolderSource::open((dir_ / "missing").string(), PixelFormat::BGRA, 8, 8, 1, 30, &error));
-  EXPECT_FALSE(error.empty());
 }
 
 }  // namespace
