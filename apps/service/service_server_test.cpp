@@ -193,6 +193,7 @@ TEST_F(ServiceServerTest, AnswersTheSessionResourceWithStatusesAndMessages) {
       {"GET", "/api/1/sessions", "", 405},
       {"POST", "/api/1/sessions", "{oops", 400},
       {"GET", "/api/1/nothing", "", 404},
+      {"PUT", "/console/api/sessions/" + id_ + "/full-device-failure", R"({"status":200})", 422},
   };
   for (const auto& c : refusals) {
     SCOPED_TRACE(std::string(c.method) + " " + c.target + " " + c.body);
@@ -402,17 +403,6 @@ TEST_F(ServiceServerTest, ConsoleRelaysAgentEventsAndProbeRepliesComeBack) {
   ASSERT_TRUE(waitFor([&] { return countTexts(*console, R"("type":"alive")") > 0; }));
   EXPECT_EQ(countTexts(*console, R"("type":"sent")"), 2u);
   EXPECT_EQ(countTexts(*console, R"("type":"error")"), 1u);
-}
-
-TEST_F(ServiceServerTest, OperatorsCanDropStreamSocketsAndRefuseFullDeviceMode) {
-  auto control = openSocket(session_, "control");
-  auto stream = openSocket(session_, "stream");
-  EXPECT_EQ(bodyOf(consoleApi(id_, "/drop-stream", "POST"), 200).get("dropped").toDouble(), 1.0);
-  ASSERT_TRUE(waitFor([&] { return stream->state() == WireClient::State::Closed; }));
-  roundTrip(*control);  // the control socket stays
-
-  EXPECT_EQ(consoleApi(id_, "/full-device-failure", "PUT", R"({"status":503,"message":"No capacity"})").status, 200);
-  EXPECT_EQ(consoleApi(id_, "/full-device-failure", "PUT", R"({"status":200})").status, 422);
 }
 
 TEST_F(ServiceServerTest, ServesTheConsoleAndSurvivesMalformedRequests) {
