@@ -237,8 +237,13 @@ TEST_F(ServiceServerTest, SocketsNeedTheirOwnBearerToken) {
     ASSERT_TRUE(body && body->isMap()) << client->refusedBody();
     EXPECT_TRUE(body->asMap()->get("message").isString());
   }
-  EXPECT_EQ(connect(stream, streamToken)->state(), WireClient::State::Open);
-  EXPECT_EQ(connect(control, controlToken)->state(), WireClient::State::Open);
+  auto streamSocket = connect(stream, streamToken), controlSocket = connect(control, controlToken);
+  EXPECT_EQ(streamSocket->state(), WireClient::State::Open);
+  EXPECT_EQ(controlSocket->state(), WireClient::State::Open);
+  // The operator's drop closes the stream socket only.
+  EXPECT_EQ(bodyOf(consoleApi(id_, "/drop-stream", "POST"), 200).get("dropped").toDouble(), 1.0);
+  ASSERT_TRUE(waitFor([&] { return streamSocket->state() == WireClient::State::Closed; }));
+  roundTrip(*controlSocket);
 
   // An ended session takes no new sockets.
   putSession(id_, R"({"state":"ended"})");
