@@ -55,14 +55,11 @@ void mustReturn(const char* what, std::function<void()> f) {
   }
 }
 
-bool installed(const char* program) { return std::filesystem::exists(std::string("/usr/bin/") + program); }
-
 class WaylandCaptureTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* program : {"dbus-daemon", "pipewire", "wireplumber"}) {
-      if (!installed(program)) GTEST_SKIP() << program << " is not installed";
-    }
+    for (const char* program : {"dbus-daemon", "pipewire", "wireplumber"})
+      if (!std::filesystem::exists(std::string("/usr/bin/") + program)) GTEST_SKIP() << program << " is not installed";
     // Short: socket paths must fit in 108 bytes.
     static int runs = 0;
     dir_ = std::filesystem::temp_directory_path() /
@@ -177,23 +174,19 @@ TEST_F(WaylandCaptureTest, ThePortalsAnswersAreHeededAndTheChoiceIsRemembered) {
   const RestoreTokenFile tokens((dir_ / "data" / "screen-cast-restore-token").string());
 
   // Every step's refusal stops the handshake, saying whether the user said no.
-  using Step = std::uint32_t PortalStandIn::Answers::*;
-  struct Refusal {
-    Step step;
-    std::uint32_t code;
-    WaylandScreenSource::Refusal refusal;
-    const char* says;
-  };
+  using Answers = PortalStandIn::Answers;
+  using Refusal = WaylandScreenSource::Refusal;
   for (const auto& [step, code, refusal, says] :
-       {Refusal{&PortalStandIn::Answers::createSession, 2, WaylandScreenSource::Refusal::Failed, "CreateSession failed"},
-        Refusal{&PortalStandIn::Answers::selectSources, 1, WaylandScreenSource::Refusal::Cancelled, "cancelled"},
-        Refusal{&PortalStandIn::Answers::start, 1, WaylandScreenSource::Refusal::Cancelled, "cancelled"},
-        Refusal{&PortalStandIn::Answers::start, 2, WaylandScreenSource::Refusal::Failed, "Start failed"}}) {
-    PortalStandIn::Answers answers;
+       std::initializer_list<std::tuple<std::uint32_t Answers::*, std::uint32_t, Refusal, const char*>>{
+           {&Answers::createSession, 2, Refusal::Failed, "CreateSession failed"},
+           {&Answers::selectSources, 1, Refusal::Cancelled, "cancelled"},
+           {&Answers::start, 1, Refusal::Cancelled, "cancelled"},
+           {&Answers::start, 2, Refusal::Failed, "Start failed"}}) {
+    Answers answers;
     answers.*step = code;
     portal.setAnswers(answers);
     std::string error;
-    WaylandScreenSource::Refusal got = WaylandScreenSource::Refusal::None;
+    Refusal got = Refusal::None;
     EXPECT_FALSE(WaylandScreenSource::open(tokens, platform::PixelFormat::BGRA, 1, &error, &got, portal.address()));
     EXPECT_EQ(got, refusal) << says;
     EXPECT_NE(error.find(says), std::string::npos) << error;
@@ -203,7 +196,7 @@ TEST_F(WaylandCaptureTest, ThePortalsAnswersAreHeededAndTheChoiceIsRemembered) {
   // Granted: the PipeWire stream is the test's, at twice the desktop's units.
   auto node = startProducer(128, 72, {kRed, kGreen, kBlue});
   ASSERT_TRUE(node);
-  PortalStandIn::Answers granted;
+  Answers granted;
   granted.nodeId = *node;
   granted.logicalWidth = 64;
   granted.logicalHeight = 36;
@@ -214,10 +207,9 @@ TEST_F(WaylandCaptureTest, ThePortalsAnswersAreHeededAndTheChoiceIsRemembered) {
   ASSERT_TRUE(source) << error;
   EXPECT_EQ(source->desktopScale(), 2);
   auto options = portal.selectOptions();
-  EXPECT_EQ(options["types"], "u 1");
-  EXPECT_EQ(options["multiple"], "b 0");
-  EXPECT_EQ(options["cursor_mode"], "u 2");
-  EXPECT_EQ(options["persist_mode"], "u 2");
+  for (const auto& [key, value] : {std::pair<std::string, std::string>{"types", "u 1"}, {"multiple", "b 0"},
+                                   {"cursor_mode", "u 2"}, {"persist_mode", "u 2"}})
+    EXPECT_EQ(options[key], value) << key;
   EXPECT_EQ(options.count("restore_token"), 0u);
   EXPECT_EQ(tokens.load(), granted.restoreToken);
   struct stat info{};
