@@ -7,6 +7,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 
 #include "apps/broadcast/broadcast_host.hpp"
 #include "apps/broadcast/canvas.hpp"
@@ -91,13 +92,9 @@ TEST_F(X11ScreenSourceTest, EachMethodDeliversTheScreenAndWhatIsDrawnOnIt) {
     testing::SampleRecorder samples;
     source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
 
-    auto first = samples.waitForSample(1);
-    ASSERT_TRUE(first);
-    // The first sample may come before the fill reaches the screen; wait for it.
-    for (std::size_t n = 2; colourAt(*first, 300, 200) != Rgb{0x20, 0x30, 0x40}; ++n) {
-      first = samples.waitForSample(n);
-      ASSERT_TRUE(first) << "the filled screen never arrived";
-    }
+      // The first sample may come before the fill reaches the screen; wait for it.
+    auto first = samples.waitForSampleThat(1, [](const auto& s) { return colourAt(s, 300, 200) == Rgb{0x20, 0x30, 0x40}; });
+    ASSERT_TRUE(first) << "the filled screen never arrived";
     EXPECT_EQ(first->imageBuffer()->width(), 320);
     EXPECT_EQ(first->imageBuffer()->height(), 240);
     EXPECT_EQ(first->orientationAttachment(), 6);
@@ -125,10 +122,8 @@ TEST_F(X11ScreenSourceTest, EachMethodDeliversTheScreenAndWhatIsDrawnOnIt) {
     // A window mapped by another client arrives too.
     testing::ChildProcess window("/usr/bin/xlogo",
                                  {"-display", display_, "-geometry", "60x60+200+20", "-bg", "green", "-fg", "green"});
-    std::optional<platform::SampleBuffer> shown;
-    for (std::size_t n = samples.sampleCount() + 1; (shown = samples.waitForSample(n)); ++n) {
-      if (colourAt(*shown, 230, 50) == Rgb{0, 255, 0}) break;
-    }
+    auto shown = samples.waitForSampleThat(samples.sampleCount() + 1,
+                                           [](const auto& s) { return colourAt(s, 230, 50) == Rgb{0, 255, 0}; });
     ASSERT_TRUE(shown) << "the window never showed";
     EXPECT_EQ(colourAt(*shown, 110, 85), (Rgb{255, 0, 0})) << "a reused buffer lost an earlier change";
     source->stop();
@@ -186,11 +181,8 @@ TEST_F(X11ScreenSourceTest, AChangeWithoutDamageStillArrives) {
     for (int x = 0; x < 10; ++x) file.write("\0\0\xff\0", 4);  // red, in BGRA
   }
   file.flush();
-  std::optional<platform::SampleBuffer> healed;
-  for (std::size_t n = 2; (healed = samples.waitForSample(n, 10s)); ++n) {
-    if (colourAt(*healed, 155, 205) == Rgb{255, 0, 0}) break;
-  }
-  EXPECT_TRUE(healed) << "the change never arrived";
+  EXPECT_TRUE(samples.waitForSampleThat(2, [](const auto& s) { return colourAt(s, 155, 205) == Rgb{255, 0, 0}; }, 10s))
+      << "the change never arrived";
 }
 
 TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefusedAndScreenNeedsADesktop) {
@@ -198,11 +190,12 @@ TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefusedAndScreenNeedsA
   EXPECT_FALSE(X11ScreenSource::open(":987", platform::PixelFormat::BGRA, 1, 30, &error));
   EXPECT_NE(error.find(":987"), std::string::npos);
 
-  const char* display = std::getenv("DISPLAY");
-  const char* wayland = std::getenv("WAYLAND_DISPLAY");
-  const std::string savedDisplay = display ? display : "", savedWayland = wayland ? wayland : "";
-  ::unsetenv("DISPLAY");
-  ::unsetenv("WAYLAND_DISPLAY");
+  std::map<std::string, std::optional<std::string>> saved;
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY"}) {
+    const char* value = std::getenv(name);
+    saved[name] = value ? std::optional<std::string>(value) : std::nullopt;
+    ::unsetenv(name);
+  }
   BroadcastOptions options;
   options.source = SourceSpec{SourceKind::Screen, ""};
   error.clear();
@@ -212,12 +205,7 @@ TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefusedAndScreenNeedsA
   ::setenv("DISPLAY", ":987", 1);
   EXPECT_FALSE(makeScreenSource(options, &error));
   EXPECT_NE(error.find(":987"), std::string::npos) << "the screen is $DISPLAY's: " << error;
-  if (display) {
-    ::setenv("DISPLAY", savedDisplay.c_str(), 1);
-  } else {
-    ::unsetenv("DISPLAY");
-  }
-  if (wayland) ::setenv("WAYLAND_DISPLAY", savedWayland.c_str(), 1);
+  for (const auto& [name, value] : saved) value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
 }
 
 }  // namespace

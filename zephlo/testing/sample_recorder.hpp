@@ -51,6 +51,15 @@ class SampleRecorder {
     if (!changed_.wait_for(lock, limit, [&] { return samples_.size() >= n; })) return std::nullopt;
     return samples_[n - 1];
   }
+  // The first sample from the `n`th on that `matches`; nothing when the next one
+  // did not come within `limit`.
+  std::optional<platform::SampleBuffer> waitForSampleThat(
+      std::size_t n, const std::function<bool(const platform::SampleBuffer&)>& matches,
+      std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+    for (auto sample = waitForSample(n, limit); sample; sample = waitForSample(++n, limit))
+      if (matches(*sample)) return sample;
+    return std::nullopt;
+  }
   // The first reason the source gave for ending; nothing after `limit`.
   std::optional<std::string> waitForEnd(std::chrono::milliseconds limit = std::chrono::seconds(20)) {
     std::unique_lock lock(mutex_);
