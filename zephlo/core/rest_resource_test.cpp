@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <future>
-
 #include "zephlo/core/request.hpp"
 #include "zephlo/testing/http_test_server.hpp"
-#include "zephlo/testing/refusing_port.hpp"
 #include "zephlo/testing/main_queue_fixture.hpp"
 
 namespace zephlo {
@@ -128,23 +124,6 @@ TEST_F(ZPHRESTResourceTest, FailedCallLeavesTheResourceAndPassesTheError) {
   EXPECT_EQ(*outcome.error, ZPHError("name is taken", 422));
   EXPECT_EQ(outcome.resource, thing);
   EXPECT_EQ(thing->resource(), before);
-}
-
-TEST_F(ZPHRESTResourceTest, TransportErrorLeavesTheResourceAndArrivesOffTheMainQueue) {
-  testing::RefusingPort refusing;
-  const auto thing = std::make_shared<Thing>(refusing.url("/t"));
-  thing->updateResource(ValueMap{{"id", "t"}});
-  std::promise<std::pair<OptionalError, bool>> done;
-  thing->fetch([&done](OptionalError error, std::shared_ptr<ZPHRESTResource>) {
-    done.set_value({std::move(error), platform::MainQueue::shared().isCurrent()});
-  });
-  auto future = done.get_future();
-  ASSERT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  const auto [error, onMainQueue] = future.get();
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain, kURLLoadingErrorDomain);
-  EXPECT_FALSE(onMainQueue);
-  EXPECT_EQ(thing->resource(), Value(ValueMap{{"id", "t"}}));
 }
 
 }  // namespace
