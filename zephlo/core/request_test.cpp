@@ -93,9 +93,7 @@ TEST_F(ZPHRequestTest, DefaultHeadersStartEmptyMergeAndGoOnEveryRequest) {
   const auto requests = server_.requests();
   ASSERT_EQ(requests.size(), 1u);
   EXPECT_EQ(requests[0].method, "DELETE");
-  EXPECT_EQ(requests[0].header("X-ZephloPlatform"), "ios");
-  EXPECT_EQ(requests[0].header("X-ZephloDevice"), "B");
-  EXPECT_EQ(requests[0].header("X-ZephloSDKVersion"), "2.6.0-alpha.1");
+  for (const auto& [name, value] : expected) EXPECT_EQ(requests[0].header(name), value) << name;
   EXPECT_EQ(requests[0].header("Content-Type"), "application/json; charset=utf-8");
   EXPECT_TRUE(requests[0].body.empty());
 }
