@@ -47,7 +47,6 @@ TEST_F(ZPHRESTResourceTest, NewResourceIsAnEmptyMapAndIdReadsTextOrIntegerIds) {
   const auto thing = std::make_shared<ZPHRESTResource>();
   EXPECT_EQ(thing->resource(), Value(ValueMap{}));
   EXPECT_FALSE(thing->id());
-  EXPECT_EQ(thing->url(), "");
   const std::pair<Value, std::optional<std::string>> cases[] = {
       {"s-1", "s-1"}, {42, "42"}, {std::uint64_t{18446744073709551615ull}, "18446744073709551615"},
       {1.5, std::nullopt}, {nullptr, std::nullopt}, {ValueMap{}, std::nullopt}};
