@@ -9,6 +9,7 @@
 #include <boost/asio/write.hpp>
 #include <chrono>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "apps/service_load/frame_pattern.hpp"
@@ -179,12 +180,8 @@ TEST_F(ServiceServerTest, AnswersTheSessionResourceWithStatusesAndMessages) {
 
   // Refusals: a JSON object with a "message" and the status that says why (the
   // store's own rules for bodies are its tests' business).
-  const struct {
-    const char* method;
-    std::string target;
-    const char* body;
-    int status;
-  } refusals[] = {
+  for (const auto& [method, target, body, status] :
+       std::initializer_list<std::tuple<const char*, std::string, const char*, int>>{
       {"GET", "/api/1/sessions/unknown", "", 404},
       {"PUT", "/api/1/sessions/unknown", R"({"state":"active"})", 404},
       {"PUT", "/api/1/sessions/" + id_, "", 400},
@@ -194,10 +191,9 @@ TEST_F(ServiceServerTest, AnswersTheSessionResourceWithStatusesAndMessages) {
       {"POST", "/api/1/sessions", "{oops", 400},
       {"GET", "/api/1/nothing", "", 404},
       {"PUT", "/console/api/sessions/" + id_ + "/full-device-failure", R"({"status":200})", 422},
-  };
-  for (const auto& c : refusals) {
-    SCOPED_TRACE(std::string(c.method) + " " + c.target + " " + c.body);
-    EXPECT_TRUE(bodyOf(fetch(c.method, c.target, c.body), c.status).get("message").isString());
+       }) {
+    SCOPED_TRACE(std::string(method) + " " + target + " " + body);
+    EXPECT_TRUE(bodyOf(fetch(method, target, body), status).get("message").isString());
   }
 
   EXPECT_EQ(putSession(id_, R"({"state":"ended"})").status, 200);
@@ -216,23 +212,19 @@ TEST_F(ServiceServerTest, StoresAndDeletesDevices) {
 TEST_F(ServiceServerTest, SocketsNeedTheirOwnBearerToken) {
   const std::string control = socketTarget(session_, "control_url"), stream = socketTarget(session_, "stream_url");
   const std::string streamToken = text(session_, "stream_token"), controlToken = text(session_, "control_token");
-  const struct {
-    std::string target;
-    std::optional<std::string> token;
-    int status;
-  } refused[] = {
+  for (const auto& [target, token, status] :
+       std::initializer_list<std::tuple<std::string, std::optional<std::string>, int>>{
       {stream, std::nullopt, 401},
       {stream, "wrong", 401},
       {stream, controlToken, 401},  // the other socket's token
       {control, streamToken, 401},
       {"/sessions/unknown/stream/sockets/1/ws", streamToken, 404},
       {"/sessions/" + id_ + "/other/sockets/1/ws", streamToken, 404},
-  };
-  for (const auto& a : refused) {
-    SCOPED_TRACE(a.target + " " + a.token.value_or("(none)"));
-    auto client = connect(a.target, a.token);
+       }) {
+    SCOPED_TRACE(target + " " + token.value_or("(none)"));
+    auto client = connect(target, token);
     ASSERT_EQ(client->state(), WireClient::State::Refused);
-    EXPECT_EQ(client->refusedStatus(), a.status);
+    EXPECT_EQ(client->refusedStatus(), status);
     auto body = json::parse(client->refusedBody());
     ASSERT_TRUE(body && body->isMap()) << client->refusedBody();
     EXPECT_TRUE(body->asMap()->get("message").isString());
