@@ -154,6 +154,7 @@ TEST_F(X11ScreenSourceTest, TakesTheScaleFromXftDpiAndEndsWhenTheDisplayGoes) {
   EXPECT_EQ(first->imageBuffer()->format(), platform::PixelFormat::NV12);
   server_.reset();
   EXPECT_EQ(samples.waitForEnd(), "The X11 display went away");
+  hidpi->stop();  // before `samples` goes
 }
 
 // A change the server reports no damage for (written straight into its screen
@@ -183,6 +184,7 @@ TEST_F(X11ScreenSourceTest, AChangeWithoutDamageStillArrives) {
   file.flush();
   EXPECT_TRUE(samples.waitForSampleThat(2, [](const auto& s) { return colourAt(s, 155, 205) == Rgb{255, 0, 0}; }, 10s))
       << "the change never arrived";
+  source->stop();  // before `samples` goes
 }
 
 TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefusedAndScreenNeedsADesktop) {
