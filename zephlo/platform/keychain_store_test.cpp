@@ -170,14 +170,6 @@ TEST_F(KeychainStoreTest, TheFileIsOwnerOnlyAndOutlivesTheStore) {
   ASSERT_EQ(::stat(nested.parent_path().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0700u);
   EXPECT_EQ(valueOf(*reopened, item("k")), "v");
-  auto readOnly = KeychainStore::open(nested.string(), KeychainOpenMode::ReadOnly);
-  ASSERT_TRUE(readOnly->isOpen()) << readOnly->openError();
-  EXPECT_TRUE(readOnly->isReadOnly());
-  EXPECT_EQ(valueOf(*readOnly, item("k")), "v");
-  EXPECT_EQ(readOnly->deleteItems(item("k")), kKeychainWritePermission);
-  EXPECT_EQ(readOnly->add(item("n", {}, "v")), kKeychainWritePermission);
-  EXPECT_EQ(valueOf(*reopened, item("k")), "v");
-  EXPECT_EQ(reopened->copyMatching(item("n"), nullptr), kKeychainItemNotFound);
 }
 
 TEST_F(KeychainStoreTest, StoresThatCannotOpenAnswerNotAvailable) {
