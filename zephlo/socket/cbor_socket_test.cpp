@@ -195,8 +195,6 @@ TEST_F(CBORSocketTest, DisconnectEndsTheSocketForGood) {
   EXPECT_EQ(requests_, 1);
 }
 
-// The curve itself is the delay's own test; the waits growing to a ceiling show
-// in the device's notification socket.
 TEST_F(CBORSocketTest, BackOffFollowsTheAttemptsWithinItsBounds) {
   // A server that never answers keeps every attempt pending, so only the test
   // decides when a connection ends.
@@ -215,15 +213,18 @@ TEST_F(CBORSocketTest, BackOffFollowsTheAttemptsWithinItsBounds) {
   EXPECT_EQ(requests_, 1);
   advance(1ms);
   EXPECT_EQ(requests_, 2);
-  // Later failures wait longer, up to the maximum.
-  platform::Duration from{};
-  for (int i = 0; i < 15; ++i) {
+  // Each later failure waits the delay of its attempt (pinned in the delay's own
+  // test), up to the maximum.
+  double wait = 0;
+  for (std::int64_t attempt = 1; attempt <= 15; ++attempt) {
     Peer::disconnected(*socket);
-    from = now();
+    const auto from = now();
     advance(10s);
+    ASSERT_EQ(requests_, attempt + 2);
+    wait = std::chrono::duration<double>(requestTimes_.back() - from).count();
+    EXPECT_NEAR(wait, CBORSocket::reconnectDelay(attempt, 0, 1.0, 5.0), 1e-6) << attempt;
   }
-  EXPECT_EQ(requests_, 17);
-  EXPECT_EQ(requestTimes_.back() - from, platform::Duration(5s));
+  EXPECT_DOUBLE_EQ(wait, 5.0);
 
   // A successful connect starts the schedule again.
   Peer::connected(*socket);
