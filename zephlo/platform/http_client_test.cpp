@@ -6,7 +6,6 @@
 #include <future>
 #include <memory>
 
-#include "zephlo/testing/refusing_port.hpp"
 #include "zephlo/testing/http_test_server.hpp"
 
 namespace zephlo::platform {
@@ -48,12 +47,13 @@ Outcome fetch(HttpClient& client, URLRequest request) {
   return future.get();
 }
 
-// Each transfer on a connection of its own, with no cookie carried over, and
-// redirects followed to the final response.
+// Methods, headers and replies through the REST layer, and refused connections,
+// show in the request and resource tests; here, what only this client decides.
+// Each transfer goes on a connection of its own, with no cookie carried over, and
+// redirects are followed to the final response.
 TEST(HttpClientTest, SendsTheRequestAndReturnsTheFinalResponseOnItsThread) {
   HttpTestServer server;
   HttpTestServer::Response created = HttpTestServer::Response::json(201, R"({"ok":true})");
-  created.headers.emplace_back("X-Reply", "yes");
   created.headers.emplace_back("Set-Cookie", "session=abc; Path=/");
   server.route("POST", "/things", created);
   HttpTestServer::Response moved;
@@ -63,31 +63,22 @@ TEST(HttpClientTest, SendsTheRequestAndReturnsTheFinalResponseOnItsThread) {
   server.route("GET", "/final", HttpTestServer::Response::json(200, "[]"));
 
   HttpClient client;
-  URLRequest request = requestFor(server.url("/things?x=1"));
+  URLRequest request = requestFor(server.url("/things"));
   request.method = "POST";
-  request.setHeader("X-One", "1");
   request.setHeader("X-Empty", "");
   request.body = std::string(4000, 'b');  // large enough that curl would ask for 100 Continue
   const auto outcome = fetch(client, request);
-
   EXPECT_TRUE(outcome.onHttpThread);
-  ASSERT_FALSE(outcome.result.error) << outcome.result.error->description;
   ASSERT_TRUE(outcome.result.response);
   EXPECT_EQ(outcome.result.response->statusCode, 201);
-  EXPECT_EQ(outcome.result.response->header("x-reply"), "yes");
-  EXPECT_EQ(outcome.result.body, R"({"ok":true})");
 
   const auto redirected = fetch(client, requestFor(server.url("/start")));
   ASSERT_TRUE(redirected.result.response);
-  EXPECT_EQ(redirected.result.response->statusCode, 200);
   EXPECT_EQ(redirected.result.response->url, server.url("/final"));
   EXPECT_EQ(redirected.result.body, "[]");
 
   const auto requests = server.requests();
   ASSERT_EQ(requests.size(), 3u);
-  EXPECT_EQ(requests[0].method, "POST");
-  EXPECT_EQ(requests[0].target, "/things?x=1");
-  EXPECT_EQ(requests[0].header("X-One"), "1");
   EXPECT_EQ(requests[0].header("X-Empty"), "");
   EXPECT_FALSE(requests[0].header("Expect"));
   EXPECT_EQ(requests[0].body, std::string(4000, 'b'));
@@ -96,19 +87,14 @@ TEST(HttpClientTest, SendsTheRequestAndReturnsTheFinalResponseOnItsThread) {
 }
 
 TEST(HttpClientTest, ReportsTransportErrorsWithPlatformCodes) {
-  testing::RefusingPort refusing;
-  const std::string closedUrl = refusing.url("/");
   HttpTestServer silent;
   holdWait(silent);
-
-  struct Case {
+  const struct {
     const char* name;
     std::string url;
     std::chrono::milliseconds timeout;
     std::int64_t code;
-  };
-  const Case cases[] = {
-      {"closed port", closedUrl, 10s, -1004},
+  } cases[] = {
       {"unsupported scheme", "ftp://127.0.0.1/", 10s, -1002},
       {"no reply within the timeout", silent.url("/wait"), 1s, -1001},
   };
@@ -128,38 +114,38 @@ TEST(HttpClientTest, HttpsTrustsOnlyVerifiedPeersForTheirHost) {
   testing::TestCertificates certificates;
   ASSERT_TRUE(certificates.ok()) << "openssl could not make the test certificates";
   HttpClient client;
-  {
-    HttpTestServer trusted(certificates.identity("local"));
-    trusted.route("GET", "/a", HttpTestServer::Response::json(200, "[1]"));
-    testing::CertFileEnv env(certificates.trustFile());
-    for (const std::string& url : {trusted.url("/a"), "https://localhost:" + std::to_string(trusted.port()) + "/a"}) {
-      const auto outcome = fetch(client, requestFor(url));
-      ASSERT_FALSE(outcome.result.error) << url << ": " << outcome.result.error->description;
-      EXPECT_EQ(outcome.result.body, "[1]") << url;
-    }
-  }
   const struct {
+    const char* what;
     const char* identity;
     std::optional<std::string> trust;
-  } refused[] = {
-      {"local", std::nullopt},  // the system store does not know the test authority
-      {"unknown", certificates.trustFile()},
-      {"self", certificates.trustFile()},
-      {"other", certificates.trustFile()},
-      {"expired", certificates.trustFile()},
+    bool byName, trusted;
+  } cases[] = {
+      {"trusted, by IP address", "local", certificates.trustFile(), false, true},
+      {"trusted, by host name", "local", certificates.trustFile(), true, true},
+      {"unknown to the system store", "local", std::nullopt, false, false},
+      {"unknown authority", "unknown", certificates.trustFile(), false, false},
+      {"self-signed", "self", certificates.trustFile(), false, false},
+      {"for another host", "other", certificates.trustFile(), false, false},
+      {"expired", "expired", certificates.trustFile(), false, false},
   };
-  for (const auto& c : refused) {
-    SCOPED_TRACE(c.identity);
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
     HttpTestServer server(certificates.identity(c.identity));
     server.route("GET", "/a", HttpTestServer::Response::json(200, "[1]"));
     testing::CertFileEnv env(c.trust);
-    const auto outcome = fetch(client, requestFor(server.url("/a")));
+    const auto outcome = fetch(client, requestFor(c.byName ? "https://localhost:" + std::to_string(server.port()) + "/a"
+                                                           : server.url("/a")));
+    EXPECT_EQ(server.requestCount(), c.trusted ? 1u : 0u);
+    if (c.trusted) {
+      ASSERT_FALSE(outcome.result.error) << outcome.result.error->description;
+      EXPECT_EQ(outcome.result.body, "[1]");
+      continue;
+    }
     ASSERT_TRUE(outcome.result.error);
     EXPECT_TRUE(outcome.result.error->code == -1202 || outcome.result.error->code == -1200)
         << outcome.result.error->code << ": " << outcome.result.error->description;
     EXPECT_FALSE(outcome.result.response);
     EXPECT_EQ(server.connectionCount(), 1u);
-    EXPECT_EQ(server.requestCount(), 0u);
   }
 
   // A redirect may not leave TLS behind.

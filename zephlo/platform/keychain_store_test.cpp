@@ -64,16 +64,10 @@ class KeychainStoreTest : public ::testing::Test {
   std::shared_ptr<KeychainStore> store_;
 };
 
+// Which group an unnamed one means, and what an added item's attributes say,
+// show in the keychain's team probe.
 TEST_F(KeychainStoreTest, AddCopyAndDeleteAcrossAccessGroups) {
-  KeychainQuery probe = item("k", {}, "private");
-  probe.returnAttributes = true;
-  KeychainItem result;
-  ASSERT_EQ(store_->add(probe, &result), kKeychainSuccess);
-  EXPECT_EQ(result.accessGroup, kDefaultGroup);
-  EXPECT_EQ(result.account, "k");
-  EXPECT_FALSE(result.valueData.has_value());
-  EXPECT_EQ(valueOf(*store_, item("k", kDefaultGroup)), "private");
-  EXPECT_EQ(valueOf(*store_, item("k", kSharedGroup)), std::nullopt);
+  ASSERT_EQ(store_->add(item("k", {}, "private")), kKeychainSuccess);
   EXPECT_EQ(store_->add(item("k", kDefaultGroup, "again")), kKeychainDuplicateItem);
   // The same key in another group is another item.
   ASSERT_EQ(store_->add(item("k", kSharedGroup, "shared")), kKeychainSuccess);
@@ -96,7 +90,7 @@ TEST_F(KeychainStoreTest, AddCopyAndDeleteAcrossAccessGroups) {
     SCOPED_TRACE(*c.query.account);
     c.query.returnAttributes = c.attributes;
     c.query.returnData = c.data;
-    result = {};
+    KeychainItem result;
     ASSERT_EQ(store_->copyMatching(c.query, &result), kKeychainSuccess);
     EXPECT_EQ(result.accessGroup, c.group);
     EXPECT_EQ(text(result.valueData), c.value);
@@ -111,6 +105,8 @@ TEST_F(KeychainStoreTest, AddCopyAndDeleteAcrossAccessGroups) {
   EXPECT_EQ(valueOf(*store_, item("empty")), "");
 }
 
+// Missing items, foreign groups on lookup and delete, and lookups across every
+// group show in the keychain's own tests.
 TEST_F(KeychainStoreTest, StatusCodes) {
   ASSERT_EQ(store_->add(item("present", kSharedGroup, "v")), kKeychainSuccess);
   KeychainQuery classless = item("present"), synced = item("present"), otherAccess = item("present");
@@ -125,14 +121,10 @@ TEST_F(KeychainStoreTest, StatusCodes) {
     KeychainStatus expected;
   } cases[] = {
       {"copy of a missing item", CopyMatching, item("absent"), kKeychainItemNotFound},
-      {"delete of a missing item", Delete, item("absent"), kKeychainItemNotFound},
-      {"copy from a foreign group", CopyMatching, item("present", "OTHER.zephlo"), kKeychainMissingEntitlement},
       {"add to a foreign group", Add, item("n", "OTHER.zephlo", "v"), kKeychainMissingEntitlement},
-      {"delete in a foreign group", Delete, item("present", "OTHER.zephlo"), kKeychainMissingEntitlement},
       {"copy without a class", CopyMatching, classless, kKeychainParam},
       {"copy of a synchronised item only", CopyMatching, synced, kKeychainItemNotFound},
       {"copy with another accessibility", CopyMatching, otherAccess, kKeychainItemNotFound},
-      {"copy across every group", CopyMatching, item("present"), kKeychainSuccess},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
@@ -178,14 +170,6 @@ TEST_F(KeychainStoreTest, TheFileIsOwnerOnlyAndOutlivesTheStore) {
   ASSERT_EQ(::stat(nested.parent_path().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 07777, 0700u);
   EXPECT_EQ(valueOf(*reopened, item("k")), "v");
-  auto readOnly = KeychainStore::open(nested.string(), KeychainOpenMode::ReadOnly);
-  ASSERT_TRUE(readOnly->isOpen()) << readOnly->openError();
-  EXPECT_TRUE(readOnly->isReadOnly());
-  EXPECT_EQ(valueOf(*readOnly, item("k")), "v");
-  EXPECT_EQ(readOnly->deleteItems(item("k")), kKeychainWritePermission);
-  EXPECT_EQ(readOnly->add(item("n", {}, "v")), kKeychainWritePermission);
-  EXPECT_EQ(valueOf(*reopened, item("k")), "v");
-  EXPECT_EQ(reopened->copyMatching(item("n"), nullptr), kKeychainItemNotFound);
 }
 
 TEST_F(KeychainStoreTest, StoresThatCannotOpenAnswerNotAvailable) {
@@ -224,8 +208,6 @@ TEST_F(KeychainStoreTest, SharedStoreIsTheHostsOrTheOneAtTheDefaultPath) {
               c.expected);
   }
 
-  KeychainStore::setShared(store_);
-  EXPECT_EQ(KeychainStore::shared(), store_);
   KeychainStore::setShared(nullptr);
   ::setenv("ZEPHLO_KEYCHAIN", (dir_ / "env" / "keychain.db").c_str(), 1);
   auto fromEnvironment = KeychainStore::shared();

@@ -50,37 +50,22 @@ class WebSocketClientTest : public testing::MainQueueTest {
   Events events_;
 };
 
+// Headers, binary messages and write order over a live connection show in the
+// CBOR socket's tests; here, what only the handshake and the text path show.
 TEST_F(WebSocketClientTest, AnOpenConnectionCarriesTheRequestAndMessagesBothWays) {
-  WebSocketTestServer server(WebSocketTestServer::Options::requiringToken("secret"));
-  URLRequest request;
-  request.url = server.url("/sockets/1/ws?v=2#fragment");
-  request.setHeader("Authorization", "Bearer secret");
-  request.setHeader("User-Agent", "Demo/7");
-  request.setHeader("X-ZephloDevice", "device-1");
-  auto client = open(request);
+  WebSocketTestServer server;
+  auto client = open(server.url("/sockets/1/ws?v=2#fragment"));
   ASSERT_TRUE(until([&] { return events_.connects == 1; }));
   EXPECT_TRUE(client->isConnected());
   ASSERT_EQ(server.upgrades().size(), 1u);
   const auto& upgrade = server.upgrades()[0];
   EXPECT_EQ(upgrade.target, "/sockets/1/ws?v=2");
-  EXPECT_EQ(upgrade.header("user-agent"), "Demo/7");
-  EXPECT_EQ(upgrade.header("X-ZephloDevice"), "device-1");
   EXPECT_EQ(upgrade.header("Host"), "127.0.0.1:" + std::to_string(server.port()));
   EXPECT_FALSE(upgrade.header("Sec-WebSocket-Protocol"));
   EXPECT_FALSE(upgrade.serverName);
-
-  // Writes go out and complete in order; the peer's binary and text messages arrive.
-  std::vector<int> completed;
-  for (int i = 0; i < 3; ++i) client->write(Bytes{static_cast<std::uint8_t>(i)}, [&, i](bool written) {
-      if (written) completed.push_back(i);
-    });
-  ASSERT_TRUE(until([&] { return server.received().size() == 3; }));
-  for (std::size_t i = 0; i < 3; ++i) EXPECT_EQ(server.received()[i].bytes, Bytes{static_cast<std::uint8_t>(i)});
-  EXPECT_TRUE(until([&] { return completed.size() == 3; }));
-  EXPECT_EQ(completed, (std::vector<int>{0, 1, 2}));
-  server.sendBinary(Bytes{9, 8});
   server.sendText("hello");
-  ASSERT_TRUE(until([&] { return events_.text.size() == 1; }));
+  server.sendBinary(Bytes{9, 8});
+  ASSERT_TRUE(until([&] { return events_.binary.size() == 1; }));
   EXPECT_EQ(events_.binary, std::vector<Bytes>{Bytes({9, 8})});
   EXPECT_EQ(events_.text, std::vector<std::string>{"hello"});
 }
@@ -106,17 +91,16 @@ TEST_F(WebSocketClientTest, ConnectionsThatCannotOpenEndInOneDisconnectWithAnErr
   EXPECT_FALSE(guarded.upgrades().at(0).accepted);
 }
 
+// Our own disconnect and a dropped connection show in the CBOR socket's tests.
 TEST_F(WebSocketClientTest, CloseCodesDecideWhetherTheEndIsAnError) {
   const struct {
     const char* what;
     std::function<void(WebSocketTestServer&, std::unique_ptr<WebSocketClient>&)> end;
     bool ours, error;
   } cases[] = {
-      {"our own disconnect", [](auto&, auto& c) { c->disconnect(); }, true, false},
       {"our own disconnect, handle released at once", [](auto&, auto& c) { c->disconnect(); c.reset(); }, true, false},
       {"peer closes normally", [](auto& s, auto&) { s.closeConnections(1000); }, false, false},
       {"peer goes away", [](auto& s, auto&) { s.closeConnections(1001); }, false, true},
-      {"peer drops the connection", [](auto& s, auto&) { s.dropConnections(); }, false, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
