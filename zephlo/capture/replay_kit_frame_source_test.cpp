@@ -121,7 +121,7 @@ TEST_F(ReplayKitFrameSourceTest, FactorThatIsNotAPositiveSizeRendersNothing) {
   EXPECT_EQ(source.newFrame(1.0), nullptr);
 }
 
-TEST_F(ReplayKitFrameSourceTest, SamplesThatAreNotVideoPicturesChangeNothing) {
+TEST_F(ReplayKitFrameSourceTest, SamplesThatAreNotVideoPicturesChangeNothingAndStopDropsTheSample) {
   EXPECT_FALSE(source.isNewFrameAvailable());  // nor does a fresh source have anything
   testing::LogCapture log;
   source.processSampleBuffer(SampleBuffer(picture(60, 120)), platform::kSampleBufferTypeAudioApp);
@@ -134,9 +134,8 @@ TEST_F(ReplayKitFrameSourceTest, SamplesThatAreNotVideoPicturesChangeNothing) {
   EXPECT_TRUE(log.lines().empty());
   EXPECT_FALSE(source.isNewFrameAvailable());
   EXPECT_EQ(source.newFrame(0.5), nullptr);
-}
 
-TEST_F(ReplayKitFrameSourceTest, StopDropsTheSampleButNotTheFlag) {
+  // Stopping drops the sample but not the flag.
   feed(picture(60, 120));
   source.capturingWillStart();
   source.capturingWillStop();
