@@ -84,7 +84,9 @@ TEST_F(StreamProtocolTest, EveryConnectionResubscribesAndAControlOneFetchesTheSe
   EXPECT_EQ(controlServer_->upgrades()[1].header("Authorization"), "Bearer ctok-2");
   EXPECT_EQ(receivedEvents(*controlServer_, "filter")[1].get("data"), kSessionFilter);
 
-  // The stream socket resubscribes on every connection too.
+  // The stream socket resubscribes on every connection too, once the second
+  // fetch (which names no stream socket) has landed.
+  ASSERT_TRUE(waitFor([&] { return session_->scale() == 0.75; }));
   session_->updateResource(sessionMap(true, true));
   ASSERT_TRUE(waitForEvents(*streamServer_, "filter", 1));
   ASSERT_TRUE(reconnect(*streamServer_));
