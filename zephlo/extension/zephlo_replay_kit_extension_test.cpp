@@ -182,15 +182,6 @@ TEST_F(ZephloReplayKitExtensionTest, FullDeviceTransportFailureEndsAtOnceWithThe
   EXPECT_TRUE(log_.lines().empty());
 }
 
-// Pending and ended sessions end the broadcast as the end-to-end tests show, and
-// leave the loop stopped as any state but active does.
-TEST_F(ZephloReplayKitExtensionTest, ActiveReplyWithFullDeviceOffEndsAndNeverStartsTheLoop) {
-  startWithReply(200, sessionJson("active", false));
-  EXPECT_FALSE(running());
-  expectFinish("Full device mode switched off");
-  EXPECT_FALSE(running());
-}
-
 TEST_F(ZephloReplayKitExtensionTest, FullDeviceSwitchedOffEndsEachTimeAndOnlyLeavingActiveStopsTheLoop) {
   startWithReply(200, sessionJson("active", true));
   ASSERT_TRUE(running());
