@@ -2,12 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <future>
-
 #include "zephlo/core/request.hpp"
 #include "zephlo/testing/http_test_server.hpp"
-#include "zephlo/testing/refusing_port.hpp"
 #include "zephlo/testing/main_queue_fixture.hpp"
 
 namespace zephlo {
@@ -34,19 +30,13 @@ struct Outcome {
 
 class ZPHRESTResourceTest : public testing::MainQueueTest {
  protected:
-  ZPHRESTResource::ResourceCallback record(Outcome& outcome) {
-    return [&outcome](OptionalError error, std::shared_ptr<ZPHRESTResource> resource) {
-      outcome.called = true;
-      outcome.error = std::move(error);
-      outcome.resource = std::move(resource);
-    };
-  }
-  void wait(const Outcome& outcome) { ASSERT_TRUE(queue().runUntil([&] { return outcome.called; })); }
   // Starts a call with a recording callback and waits for its outcome.
   Outcome run(const std::function<void(ZPHRESTResource::ResourceCallback)>& start) {
     Outcome outcome;
-    start(record(outcome));
-    wait(outcome);
+    start([&outcome](OptionalError error, std::shared_ptr<ZPHRESTResource> resource) {
+      outcome = {true, std::move(error), std::move(resource)};
+    });
+    EXPECT_TRUE(queue().runUntil([&] { return outcome.called; }));
     return outcome;
   }
 
@@ -57,7 +47,6 @@ TEST_F(ZPHRESTResourceTest, NewResourceIsAnEmptyMapAndIdReadsTextOrIntegerIds) {
   const auto thing = std::make_shared<ZPHRESTResource>();
   EXPECT_EQ(thing->resource(), Value(ValueMap{}));
   EXPECT_FALSE(thing->id());
-  EXPECT_EQ(thing->url(), "");
   const std::pair<Value, std::optional<std::string>> cases[] = {
       {"s-1", "s-1"}, {42, "42"}, {std::uint64_t{18446744073709551615ull}, "18446744073709551615"},
       {1.5, std::nullopt}, {nullptr, std::nullopt}, {ValueMap{}, std::nullopt}};
@@ -99,22 +88,6 @@ TEST_F(ZPHRESTResourceTest, VerbsMapOntoRequestsAndTakeTheReply) {
   }
 }
 
-TEST_F(ZPHRESTResourceTest, CallInFlightKeepsItsResourceAlive) {
-  server_.route("GET", "/t", Response::json(200, R"({"id":"t"})"));
-  auto thing = std::make_shared<Thing>(server_.url("/t"));
-  const std::weak_ptr<Thing> watch = thing;
-  Outcome outcome;
-  thing->fetch(record(outcome));
-  thing.reset();
-  EXPECT_FALSE(watch.expired());
-  wait(outcome);
-  ASSERT_TRUE(outcome.resource);
-  EXPECT_EQ(outcome.resource->id(), "t");
-  outcome.resource.reset();
-  // The completion has run and let go of its reference.
-  ASSERT_TRUE(queue().runUntil([&] { return watch.expired(); }));
-}
-
 // Error paths.
 
 TEST_F(ZPHRESTResourceTest, FailedCallLeavesTheResourceAndPassesTheError) {
@@ -128,23 +101,6 @@ TEST_F(ZPHRESTResourceTest, FailedCallLeavesTheResourceAndPassesTheError) {
   EXPECT_EQ(*outcome.error, ZPHError("name is taken", 422));
   EXPECT_EQ(outcome.resource, thing);
   EXPECT_EQ(thing->resource(), before);
-}
-
-TEST_F(ZPHRESTResourceTest, TransportErrorLeavesTheResourceAndArrivesOffTheMainQueue) {
-  testing::RefusingPort refusing;
-  const auto thing = std::make_shared<Thing>(refusing.url("/t"));
-  thing->updateResource(ValueMap{{"id", "t"}});
-  std::promise<std::pair<OptionalError, bool>> done;
-  thing->fetch([&done](OptionalError error, std::shared_ptr<ZPHRESTResource>) {
-    done.set_value({std::move(error), platform::MainQueue::shared().isCurrent()});
-  });
-  auto future = done.get_future();
-  ASSERT_EQ(future.wait_for(std::chrono::seconds(20)), std::future_status::ready);
-  const auto [error, onMainQueue] = future.get();
-  ASSERT_TRUE(error);
-  EXPECT_EQ(error->domain, kURLLoadingErrorDomain);
-  EXPECT_FALSE(onMainQueue);
-  EXPECT_EQ(thing->resource(), Value(ValueMap{{"id", "t"}}));
 }
 
 }  // namespace
