@@ -16,6 +16,7 @@
 #include <memory>
 #include <ostream>
 #include <string>
+#include <tuple>
 
 #include "apps/broadcast/child_process.hpp"
 #include "zephlo/testing/http_call.hpp"
@@ -195,11 +196,7 @@ class ReferenceService : public LocalService {
     const Value stats = summary.get("stats");
     return stats.isMap() ? count(stats.asMap()->get("frames")) : 0;
   }
-  static std::size_t count(const Value& value) {
-    if (const auto* n = value.asUInt()) return static_cast<std::size_t>(*n);
-    if (const auto* n = value.asInt(); n && *n > 0) return static_cast<std::size_t>(*n);
-    return 0;
-  }
+  static std::size_t count(const Value& value) { return static_cast<std::size_t>(value.toDouble().value_or(0)); }
   std::string consolePath() const { return "/console/api/sessions/" + sessionId_; }
   ValueMap summary() { return call("GET", consolePath(), ""); }
 
@@ -216,14 +213,9 @@ class ReferenceService : public LocalService {
   }
   std::optional<testing::HttpResult> fetch(const std::string& method, const std::string& target,
                                            const std::string& body) {
-    testing::HttpCallRequest request;
-    request.port = port_;
-    request.method = method;
-    request.target = target;
-    request.body = body;
-    if (!body.empty()) request.headers.emplace_back("Content-Type", "application/json");
     std::optional<testing::HttpResult> result;
-    testing::httpCall(std::move(request), [&](testing::HttpResult r) { result = std::move(r); });
+    testing::httpCall({"127.0.0.1", port_, method, target, body, {{"Content-Type", "application/json"}}},
+                      [&](testing::HttpResult r) { result = std::move(r); });
     platform::MainQueue::shared().runUntil([&] { return result.has_value(); }, kLimit);
     return result;
   }
@@ -280,11 +272,15 @@ class BroadcastEndToEndTest : public ::testing::TestWithParam<ServiceKind> {
   void storeApi() { ASSERT_EQ(keychain({"set", "zephlo.api", service_->apiUrl()}), 0); }
   void storeSession() { ASSERT_EQ(keychain({"set", "zephlo.session", service_->sessionId()}), 0); }
 
+  // Runs zephlo-broadcast, through `wrapper_` when a case sets one.
   void startBroadcast(std::vector<std::string> extra = {}, const std::map<std::string, std::string>& environment = {}) {
-    std::vector<std::string> args{"--bundle", bundle_, "--keychain", keychain_, "--screen", "100x200@2",
-                                  "--sample-rate", "10"};
+    std::vector<std::string> args = wrapper_;
+    args.insert(args.end(), {ZEPHLO_BROADCAST_PROGRAM, "--bundle", bundle_, "--keychain", keychain_, "--screen",
+                             "100x200@2", "--sample-rate", "10"});
     args.insert(args.end(), extra.begin(), extra.end());
-    broadcast_ = std::make_unique<ChildProcess>(ZEPHLO_BROADCAST_PROGRAM, args, environment);
+    const std::string program = args.front();
+    args.erase(args.begin());
+    broadcast_ = std::make_unique<ChildProcess>(program, args, environment);
     ASSERT_GT(broadcast_->pid(), 0);
   }
   // An active full-device session, the broadcast streaming its first frame and
@@ -349,6 +345,7 @@ class BroadcastEndToEndTest : public ::testing::TestWithParam<ServiceKind> {
   std::string keychain_;
   std::unique_ptr<LocalService> service_;
   std::unique_ptr<ChildProcess> broadcast_;
+  std::vector<std::string> wrapper_;
 };
 
 // Every way the broadcast ends before it streams. Each case adds to the
@@ -378,12 +375,6 @@ TEST_P(BroadcastEndToEndTest, EndsBeforeStreamingWithTheReason) {
     expectEndedWith(c.message, c.logged);
   }
   EXPECT_EQ(service_->frames(), 0u);
-}
-
-TEST_P(BroadcastEndToEndTest, FullDeviceSwitchedOffWhileStreamingEnds) {
-  startStreaming();
-  service_->pushSession({"active", false});
-  expectEndedWith("Full device mode switched off");
 }
 
 TEST_P(BroadcastEndToEndTest, SessionEndedEndsAndForgetsTheSessionItem) {
@@ -448,13 +439,9 @@ TEST_P(BroadcastEndToEndTest, ASyncSendsAFrameOfAStillScreen) {
 // "zephlo-broadcast --stats | head -1": the reader goes after one line, and the
 // broadcast goes on without its status lines until it is stopped.
 TEST_P(BroadcastEndToEndTest, StreamsOnWhenStandardOutputIsClosed) {
-  storeApi();
-  storeSession();
-  service_->answerWith({"active", true});
-  const std::vector<std::string> args{"-c", R"(exec "$0" "$@" > >(head -n 1))", ZEPHLO_BROADCAST_PROGRAM,
-                                      "--bundle", bundle_, "--keychain", keychain_, "--screen", "100x200@2",
-                                      "--sample-rate", "10", "--stats"};
-  broadcast_ = std::make_unique<ChildProcess>("/bin/bash", args);
+  if (GetParam() != ServiceKind::Reference) GTEST_SKIP() << "the standard output does not depend on the service";
+  wrapper_ = {"/bin/bash", "-c", R"(exec "$0" "$@" > >(head -n 1))"};
+  startStreaming({"--stats"});
   ASSERT_TRUE(broadcast_->waitForStdout([](const std::string&) { return true; })) << stderrText();
   // The test pattern changes once a second and a status line is due each second:
   // three more frames mean status lines went into the closed pipe meanwhile.
@@ -464,28 +451,23 @@ TEST_P(BroadcastEndToEndTest, StreamsOnWhenStandardOutputIsClosed) {
   EXPECT_EQ(exitStatus(), 0) << stderrText();
 }
 
-// The width and height of a JPEG; zeros when it does not decode.
-std::pair<int, int> jpegSize(const Bytes& jpeg) {
+// A JPEG's width and height, and the colour at its middle; zeros when it does not decode.
+std::tuple<int, int, std::array<int, 3>> decode(const Bytes& jpeg) {
   int width = 0, height = 0, subsampling = 0, colourspace = 0;
+  std::vector<unsigned char> rgb;
   tjhandle tj = tjInitDecompress();
-  if (jpeg.empty() || tjDecompressHeader3(tj, jpeg.data(), jpeg.size(), &width, &height, &subsampling, &colourspace) != 0) {
-    width = height = 0;
-  }
-  tjDestroy(tj);
-  return {width, height};
-}
-
-// The colour at the middle of a JPEG; black when it does not decode.
-std::array<int, 3> jpegMiddle(const Bytes& jpeg) {
-  const auto [width, height] = jpegSize(jpeg);
-  std::vector<unsigned char> rgb(static_cast<std::size_t>(width) * height * 3);
-  tjhandle tj = tjInitDecompress();
+  if (!jpeg.empty() && tjDecompressHeader3(tj, jpeg.data(), jpeg.size(), &width, &height, &subsampling, &colourspace) == 0)
+    rgb.resize(static_cast<std::size_t>(width) * height * 3);
   const bool decoded =
-      width > 0 && tjDecompress2(tj, jpeg.data(), jpeg.size(), rgb.data(), width, 0, height, TJPF_RGB, 0) == 0;
+      !rgb.empty() && tjDecompress2(tj, jpeg.data(), jpeg.size(), rgb.data(), width, 0, height, TJPF_RGB, 0) == 0;
   tjDestroy(tj);
-  if (!decoded) return {0, 0, 0};
+  if (!decoded) return {0, 0, {}};
   const std::size_t at = (static_cast<std::size_t>(height / 2) * width + width / 2) * 3;
-  return {rgb[at], rgb[at + 1], rgb[at + 2]};
+  return {width, height, {rgb[at], rgb[at + 1], rgb[at + 2]}};
+}
+std::pair<int, int> jpegSize(const Bytes& jpeg) {
+  const auto decoded = decode(jpeg);
+  return {std::get<0>(decoded), std::get<1>(decoded)};
 }
 
 // A headless sway with PipeWire and the ScreenCast portal (scripts/headless-wayland):
@@ -524,7 +506,7 @@ TEST_P(BroadcastEndToEndTest, AWaylandDesktopStreamsThroughItsPortalUntilTheComp
 
   startStreaming({"--source", "wayland"}, environment);
   EXPECT_EQ(jpegSize(service_->lastFrame()), std::pair(80, 60));
-  const auto colour = jpegMiddle(service_->lastFrame());
+  const auto colour = std::get<2>(decode(service_->lastFrame()));
   EXPECT_NEAR(colour[0], 0x33, 8);
   EXPECT_NEAR(colour[1], 0x66, 8);
   EXPECT_NEAR(colour[2], 0xcc, 8);
@@ -542,6 +524,7 @@ TEST_P(BroadcastEndToEndTest, AWaylandDesktopStreamsThroughItsPortalUntilTheComp
 // Xvnc rather than Xvfb: it changes its screen's size through RandR while
 // running, as a desktop does when its monitor changes.
 TEST_P(BroadcastEndToEndTest, AnX11ScreenStreamsAtItsOwnSizeAndFollowsARandRChange) {
+  if (GetParam() != ServiceKind::Reference) GTEST_SKIP() << "the desktop's side does not depend on the service";
   for (const char* program : {"/usr/bin/Xvnc", "/usr/bin/xrandr"})
     if (!std::filesystem::exists(program)) GTEST_SKIP() << program << " is not installed";
   ChildProcess server("/usr/bin/Xvnc", {"-displayfd", "1", "-geometry", "640x480", "-depth", "24", "-SecurityTypes",

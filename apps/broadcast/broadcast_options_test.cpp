@@ -27,31 +27,26 @@ BroadcastOptions options(std::vector<const char*> args) {
   return o ? *o : BroadcastOptions{};
 }
 
-TEST(BroadcastOptionsTest, DefaultsAreAPhoneSizedTestPatternAt30HzAndTheEnvironmentsKeychain) {
-  ::setenv("ZEPHLO_KEYCHAIN", "/tmp/from-env.db", 1);
-  const auto o = options({});
-  ::unsetenv("ZEPHLO_KEYCHAIN");
-  EXPECT_EQ(o.source, (SourceSpec{SourceKind::TestPattern, ""}));
-  EXPECT_EQ(std::pair(o.sampleWidth(), o.sampleHeight()), std::pair(1170, 2532));
-  EXPECT_EQ(o.sampleRate, 30);
-  EXPECT_EQ(o.orientation, 1);
-  EXPECT_EQ(o.pixelFormat, platform::PixelFormat::BGRA);
-  EXPECT_FALSE(o.stats || o.syslog || o.bundlePath || o.screenGiven);
-  EXPECT_EQ(o.keychainPath, "/tmp/from-env.db");
+// Every parsed field, to compare in one go.
+auto fields(const BroadcastOptions& o) {
+  return std::tuple(o.bundlePath, o.keychainPath, o.source, o.sampleWidth(), o.sampleHeight(), o.screenGiven,
+                    o.sampleRate, o.orientation, o.pixelFormat, o.stats, o.syslog);
 }
 
-TEST(BroadcastOptionsTest, EveryOptionIsTaken) {
+TEST(BroadcastOptionsTest, DefaultsAreAPhoneSizedTestPatternAt30HzAndEveryOptionIsTaken) {
+  ::setenv("ZEPHLO_KEYCHAIN", "/tmp/from-env.db", 1);
+  const auto defaults = options({});
+  ::unsetenv("ZEPHLO_KEYCHAIN");
+  EXPECT_EQ(fields(defaults), std::tuple(std::optional<std::string>(), std::string("/tmp/from-env.db"),
+                                         SourceSpec{SourceKind::TestPattern, ""}, 1170, 2532, false, 30.0,
+                                         std::int64_t{1}, platform::PixelFormat::BGRA, false, false));
+
   const auto o = options({"--bundle", "b.json", "--keychain", "k.db", "--source", "images:/pics", "--screen",
                           "100x200@2", "--sample-rate", "10", "--orientation", "6", "--pixel-format", "nv12", "--stats",
                           "--log", "syslog"});
-  EXPECT_EQ(o.bundlePath, "b.json");
-  EXPECT_EQ(o.keychainPath, "k.db");
-  EXPECT_EQ(o.source, (SourceSpec{SourceKind::Images, "/pics"}));
-  EXPECT_EQ(std::pair(o.sampleWidth(), o.sampleHeight()), std::pair(200, 400));
-  EXPECT_EQ(o.sampleRate, 10);
-  EXPECT_EQ(o.orientation, 6);
-  EXPECT_EQ(o.pixelFormat, platform::PixelFormat::NV12);
-  EXPECT_TRUE(o.stats && o.syslog && o.screenGiven);
+  EXPECT_EQ(fields(o), std::tuple(std::optional<std::string>("b.json"), std::string("k.db"),
+                                  SourceSpec{SourceKind::Images, "/pics"}, 200, 400, true, 10.0, std::int64_t{6},
+                                  platform::PixelFormat::NV12, true, true));
   EXPECT_FALSE(options({"--log", "stderr"}).syslog);  // the default, named
 }
 

@@ -1,13 +1,16 @@
 #include "apps/broadcast/image_folder_source.hpp"
 
 #include <gtest/gtest.h>
-#include <turbojpeg.h>
 #include <unistd.h>
 
 #include <filesystem>
+#include <cmath>
+#include <cstring>
 #include <fstream>
 
 #include "apps/broadcast/canvas.hpp"
+#include "zephlo/platform/bitmap.hpp"
+#include "zephlo/platform/jpeg_encoder.hpp"
 
 namespace zephlo {
 namespace {
@@ -17,20 +20,14 @@ using platform::PixelFormat;
 
 // A JPEG of `width` x `height` pixels of `colour`.
 std::vector<std::uint8_t> jpegOf(int width, int height, Rgb colour) {
-  std::vector<std::uint8_t> bgr(static_cast<std::size_t>(width) * height * 3);
-  for (std::size_t i = 0; i < bgr.size(); i += 3) {
-    bgr[i] = colour.b;
-    bgr[i + 1] = colour.g;
-    bgr[i + 2] = colour.r;
-  }
-  tjhandle tj = tjInitCompress();
-  unsigned char* jpeg = nullptr;
-  unsigned long size = 0;
-  tjCompress2(tj, bgr.data(), width, width * 3, height, TJPF_BGR, &jpeg, &size, TJSAMP_444, 95, 0);
-  std::vector<std::uint8_t> out(jpeg, jpeg + size);
-  tjFree(jpeg);
-  tjDestroy(tj);
-  return out;
+  auto bitmap = platform::Bitmap::create(width, height);
+  const double y = 0.299 * colour.r + 0.587 * colour.g + 0.114 * colour.b;
+  const double planes[] = {y, 128 + 0.564 * (colour.b - y), 128 + 0.713 * (colour.r - y)};
+  for (int p = 0; p < 3; ++p)
+    std::memset(bitmap->mutablePlane(p), static_cast<int>(std::lround(std::clamp(planes[p], 0.0, 255.0))),
+                static_cast<std::size_t>(bitmap->planeWidth(p)) * bitmap->planeHeight(p));
+  const auto jpeg = platform::encodeJpeg(*bitmap, 0.95);
+  return {jpeg->begin(), jpeg->end()};
 }
 
 bool near(Rgb a, Rgb b) { return std::abs(a.r - b.r) <= 8 && std::abs(a.g - b.g) <= 8 && std::abs(a.b - b.b) <= 8; }
@@ -54,12 +51,19 @@ class ImageFolderSourceTest : public ::testing::Test {
 };
 
 TEST_F(ImageFolderSourceTest, ShowsTheJpegsInNameOrderOneASecondThenStartsAgain) {
+  // A folder without JPEGs, or none at all, is refused.
+  std::string error;
+  write("notes.txt", {1, 2, 3});
+  EXPECT_FALSE(ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 8, 8, 1, 30, &error));
+  EXPECT_NE(error.find("no JPEG"), std::string::npos) << error;
+  error.clear();
+  EXPECT_FALSE(ImageFolderSource::open((dir_ / "missing").string(), PixelFormat::BGRA, 8, 8, 1, 30, &error));
+  EXPECT_FALSE(error.empty());
+
   write("b.jpg", jpegOf(16, 16, {0, 200, 0}));
   write("a.jpeg", jpegOf(16, 16, {200, 0, 0}));
   write("c.JPG", jpegOf(16, 16, {0, 0, 200}));
   write("broken.jpg", {0xFF, 0xD8, 0x00, 0x01});  // does not decode: shows black
-  write("notes.txt", {1, 2, 3});
-  std::string error;
   auto source = ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 32, 32, 1, 30, &error);
   ASSERT_TRUE(source) << error;
   ASSERT_EQ(source->files().size(), 4u);
@@ -89,15 +93,6 @@ TEST_F(ImageFolderSourceTest, APictureIsLetterboxedOnBlackAndKeepsItsBufferWithi
     EXPECT_TRUE(near(colourAt(*sample, 50, 90), {0, 0, 0}));
     EXPECT_EQ(source->sampleAt(999ms)->imageBuffer(), sample->imageBuffer());
   }
-}
-
-TEST_F(ImageFolderSourceTest, AFolderWithoutJpegsOrMissingIsRefused) {
-  std::string error;
-  EXPECT_FALSE(ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 8, 8, 1, 30, &error));
-  EXPECT_NE(error.find("no JPEG"), std::string::npos);
-  error.clear();
-  EXPECT_FALSE(ImageFolderSource::open((dir_ / "missing").string(), PixelFormat::BGRA, 8, 8, 1, 30, &error));
-  EXPECT_FALSE(error.empty());
 }
 
 }  // namespace

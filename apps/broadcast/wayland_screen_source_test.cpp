@@ -7,7 +7,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <filesystem>
 #include <future>
 #include <iostream>
@@ -18,6 +17,7 @@
 #include "apps/broadcast/pipewire_test_producer.hpp"
 #include "apps/broadcast/portal_stand_in.hpp"
 #include "apps/broadcast/screen_cast_portal.hpp"
+#include "zephlo/testing/sample_recorder.hpp"
 
 namespace zephlo {
 namespace {
@@ -27,48 +27,6 @@ using testing::PipeWireTestProducer;
 using testing::PortalStandIn;
 
 constexpr Rgb kRed{255, 0, 0}, kGreen{0, 255, 0}, kBlue{0, 0, 255}, kWhite{255, 255, 255}, kYellow{255, 255, 0};
-
-// What a source or stream delivered, for the test's thread to wait on.
-class Received {
- public:
-  void sample(const platform::SampleBuffer& sample) {
-    std::lock_guard lock(mutex_);
-    samples_.push_back(sample);
-    changed_.notify_all();
-  }
-  void ended(const std::string& why) {
-    std::lock_guard lock(mutex_);
-    ended_.push_back(why);
-    changed_.notify_all();
-  }
-  // The `n`th sample (from 1), waiting at most `limit` for it.
-  std::optional<platform::SampleBuffer> waitForSample(std::size_t n, std::chrono::milliseconds limit = 20s) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, limit, [&] { return samples_.size() >= n; });
-    if (samples_.size() < n) return std::nullopt;
-    return samples_[n - 1];
-  }
-  std::optional<std::string> waitForEnd() {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, 20s, [&] { return !ended_.empty(); });
-    if (ended_.empty()) return std::nullopt;
-    return ended_.front();
-  }
-  std::size_t sampleCount() {
-    std::lock_guard lock(mutex_);
-    return samples_.size();
-  }
-  std::size_t endCount() {
-    std::lock_guard lock(mutex_);
-    return ended_.size();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<platform::SampleBuffer> samples_;
-  std::vector<std::string> ended_;
-};
 
 Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
   return Canvas(const_cast<platform::PixelBuffer&>(*sample.imageBuffer())).at(x, y);
@@ -97,14 +55,11 @@ void mustReturn(const char* what, std::function<void()> f) {
   }
 }
 
-bool installed(const char* program) { return std::filesystem::exists(std::string("/usr/bin/") + program); }
-
 class WaylandCaptureTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    for (const char* program : {"dbus-daemon", "pipewire", "wireplumber"}) {
-      if (!installed(program)) GTEST_SKIP() << program << " is not installed";
-    }
+    for (const char* program : {"dbus-daemon", "pipewire", "wireplumber"})
+      if (!std::filesystem::exists(std::string("/usr/bin/") + program)) GTEST_SKIP() << program << " is not installed";
     // Short: socket paths must fit in 108 bytes.
     static int runs = 0;
     dir_ = std::filesystem::temp_directory_path() /
@@ -134,9 +89,8 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
   std::string error;
   auto stream = PipeWireStream::open(producer_->connect(), *node, platform::PixelFormat::BGRA, 6, &error);
   ASSERT_TRUE(stream) << error;
-  Received received;
-  stream->start([&](const platform::SampleBuffer& s) { received.sample(s); },
-                [&](const std::string& why) { received.ended(why); });
+  testing::SampleRecorder received;
+  received.listenTo(*stream);
 
   auto first = received.waitForSample(1);
   ASSERT_TRUE(first) << "no picture arrived";
@@ -176,10 +130,10 @@ TEST_F(WaylandCaptureTest, PicturesArriveAsDrawnAndFollowTheScreenUntilItGoesAwa
   // goes to its own reader.
   auto next = producer_->startStream(32, 32, false, {kBlue, kBlue, kBlue});
   ASSERT_TRUE(next);
-  Received nextReceived;
+  testing::SampleRecorder nextReceived;
   auto nextStream = PipeWireStream::open(producer_->connect(), *next, platform::PixelFormat::BGRA, 1, &error);
   ASSERT_TRUE(nextStream) << error;
-  nextStream->start([&](const platform::SampleBuffer& s) { nextReceived.sample(s); }, [](const std::string&) {});
+  nextReceived.listenTo(*nextStream);
   EXPECT_TRUE(nextReceived.waitForSample(1)) << "the next screen's picture went elsewhere";
   stream->stop();
   EXPECT_EQ(received.sampleCount(), 4u);
@@ -190,11 +144,10 @@ TEST_F(WaylandCaptureTest, RgbStreamsComeAsNv12AndStopReturnsWhateverPipeWireDoe
   auto node = startProducer(32, 32, {kRed, kGreen, kBlue}, true);
   ASSERT_TRUE(node);
   std::string error;
-  Received received;
+  testing::SampleRecorder received;
   auto stream = PipeWireStream::open(producer_->connect(), *node, platform::PixelFormat::NV12, 1, &error);
   ASSERT_TRUE(stream) << error;
-  stream->start([&](const platform::SampleBuffer& s) { received.sample(s); },
-                [&](const std::string& why) { received.ended(why); });
+  received.listenTo(*stream);
   auto sample = received.waitForSample(1);
   ASSERT_TRUE(sample);
   EXPECT_EQ(sample->imageBuffer()->format(), platform::PixelFormat::NV12);
@@ -221,23 +174,19 @@ TEST_F(WaylandCaptureTest, ThePortalsAnswersAreHeededAndTheChoiceIsRemembered) {
   const RestoreTokenFile tokens((dir_ / "data" / "screen-cast-restore-token").string());
 
   // Every step's refusal stops the handshake, saying whether the user said no.
-  using Step = std::uint32_t PortalStandIn::Answers::*;
-  struct Refusal {
-    Step step;
-    std::uint32_t code;
-    WaylandScreenSource::Refusal refusal;
-    const char* says;
-  };
+  using Answers = PortalStandIn::Answers;
+  using Refusal = WaylandScreenSource::Refusal;
   for (const auto& [step, code, refusal, says] :
-       {Refusal{&PortalStandIn::Answers::createSession, 2, WaylandScreenSource::Refusal::Failed, "CreateSession failed"},
-        Refusal{&PortalStandIn::Answers::selectSources, 1, WaylandScreenSource::Refusal::Cancelled, "cancelled"},
-        Refusal{&PortalStandIn::Answers::start, 1, WaylandScreenSource::Refusal::Cancelled, "cancelled"},
-        Refusal{&PortalStandIn::Answers::start, 2, WaylandScreenSource::Refusal::Failed, "Start failed"}}) {
-    PortalStandIn::Answers answers;
+       std::initializer_list<std::tuple<std::uint32_t Answers::*, std::uint32_t, Refusal, const char*>>{
+           {&Answers::createSession, 2, Refusal::Failed, "CreateSession failed"},
+           {&Answers::selectSources, 1, Refusal::Cancelled, "cancelled"},
+           {&Answers::start, 1, Refusal::Cancelled, "cancelled"},
+           {&Answers::start, 2, Refusal::Failed, "Start failed"}}) {
+    Answers answers;
     answers.*step = code;
     portal.setAnswers(answers);
     std::string error;
-    WaylandScreenSource::Refusal got = WaylandScreenSource::Refusal::None;
+    Refusal got = Refusal::None;
     EXPECT_FALSE(WaylandScreenSource::open(tokens, platform::PixelFormat::BGRA, 1, &error, &got, portal.address()));
     EXPECT_EQ(got, refusal) << says;
     EXPECT_NE(error.find(says), std::string::npos) << error;
@@ -247,7 +196,7 @@ TEST_F(WaylandCaptureTest, ThePortalsAnswersAreHeededAndTheChoiceIsRemembered) {
   // Granted: the PipeWire stream is the test's, at twice the desktop's units.
   auto node = startProducer(128, 72, {kRed, kGreen, kBlue});
   ASSERT_TRUE(node);
-  PortalStandIn::Answers granted;
+  Answers granted;
   granted.nodeId = *node;
   granted.logicalWidth = 64;
   granted.logicalHeight = 36;
@@ -258,19 +207,17 @@ TEST_F(WaylandCaptureTest, ThePortalsAnswersAreHeededAndTheChoiceIsRemembered) {
   ASSERT_TRUE(source) << error;
   EXPECT_EQ(source->desktopScale(), 2);
   auto options = portal.selectOptions();
-  EXPECT_EQ(options["types"], "u 1");
-  EXPECT_EQ(options["multiple"], "b 0");
-  EXPECT_EQ(options["cursor_mode"], "u 2");
-  EXPECT_EQ(options["persist_mode"], "u 2");
+  for (const auto& [key, value] : {std::pair<std::string, std::string>{"types", "u 1"}, {"multiple", "b 0"},
+                                   {"cursor_mode", "u 2"}, {"persist_mode", "u 2"}})
+    EXPECT_EQ(options[key], value) << key;
   EXPECT_EQ(options.count("restore_token"), 0u);
   EXPECT_EQ(tokens.load(), granted.restoreToken);
   struct stat info{};
   ASSERT_EQ(::stat(tokens.path().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777, 0600u);
 
-  Received received;
-  source->start([&](const platform::SampleBuffer& s) { received.sample(s); },
-                [&](const std::string& why) { received.ended(why); });
+  testing::SampleRecorder received;
+  received.listenTo(*source);
   auto sample = received.waitForSample(1);
   ASSERT_TRUE(sample) << "the picture sent before start was lost";
   EXPECT_EQ(colourAt(*sample, 120, 4), kGreen);

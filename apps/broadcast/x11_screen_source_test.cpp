@@ -3,96 +3,60 @@
 #include <gtest/gtest.h>
 #include <xcb/xcb.h>
 
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
+#include <map>
 
 #include "apps/broadcast/broadcast_host.hpp"
 #include "apps/broadcast/canvas.hpp"
 #include "apps/broadcast/child_process.hpp"
+#include "zephlo/testing/sample_recorder.hpp"
 
 namespace zephlo {
 namespace {
 
 using namespace std::chrono_literals;
 
-std::string findProgram(const std::string& name) {
-  for (const char* dir : {"/usr/bin", "/usr/local/bin", "/bin"}) {
-    auto path = std::filesystem::path(dir) / name;
-    if (std::filesystem::exists(path)) return path.string();
-  }
-  return "";
-}
-
 Rgb colourAt(const platform::SampleBuffer& sample, int x, int y) {
   return Canvas(const_cast<platform::PixelBuffer&>(*sample.imageBuffer())).at(x, y);
 }
 
-// Copies of the samples a started source delivers, as they arrive. Like the
-// frame source, it holds the newest sample itself and lets the older go.
-class Samples {
- public:
-  ScreenSource::Sink sink() {
-    return [this](const platform::SampleBuffer& sample) {
-      const auto& in = *sample.imageBuffer();
-      auto copy = platform::PixelBuffer::create(in.format(), in.width(), in.height());
-      for (int p = 0; p < in.planeCount(); ++p) {
-        std::memcpy(copy->mutablePlane(p), in.plane(p), static_cast<std::size_t>(in.stride(p)) * in.planeHeight(p));
-      }
-      std::lock_guard lock(mutex_);
-      newest_ = sample;
-      samples_.emplace_back(std::move(copy), sample.orientationAttachment());
-      arrived_.notify_all();
-    };
-  }
-  // The `n`th sample (from 1), once it has arrived; nothing after `timeout`.
-  std::optional<platform::SampleBuffer> await(std::size_t n, std::chrono::milliseconds timeout = 20s) {
-    std::unique_lock lock(mutex_);
-    if (!arrived_.wait_for(lock, timeout, [&] { return samples_.size() >= n; })) return std::nullopt;
-    return samples_[n - 1];
-  }
-  std::size_t count() {
-    std::lock_guard lock(mutex_);
-    return samples_.size();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable arrived_;
-  std::vector<platform::SampleBuffer> samples_;
-  platform::SampleBuffer newest_;
-};
-
-// An Xvfb server on a free display number, with a black root window and the
-// extensions the parameter leaves out disabled (or its screen in a file of a
-// directory of its own, for "-fbdir"), and a connection of its own to draw on
-// the root window with.
-class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::string>> {
+// An Xvfb server on a free display number with a black root window, started
+// with `extra` arguments (extensions to leave out, or "-fbdir" for its screen in a
+// file of a directory of its own), and a connection of its own to draw on the
+// root window with.
+class X11ScreenSourceTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const auto xvfb = findProgram("Xvfb");
-    if (xvfb.empty()) GTEST_SKIP() << "Xvfb is not installed";
+    if (!std::filesystem::exists("/usr/bin/Xvfb")) GTEST_SKIP() << "Xvfb is not installed";
+  }
+  void TearDown() override { stopServer(); }
+
+  void startServer(const std::vector<std::string>& extra) {
+    stopServer();
     // Xvfb prints the display number it picked on stdout (-displayfd 1).
     std::vector<std::string> args{"-displayfd", "1", "-screen", "0", "320x240x24", "-nolisten", "tcp", "-br"};
-    args.insert(args.end(), GetParam().begin(), GetParam().end());
+    args.insert(args.end(), extra.begin(), extra.end());
     if (args.back() == "-fbdir") {
       char dir[] = "/tmp/zephlo-xvfb-XXXXXX";
       ASSERT_TRUE(::mkdtemp(dir));
       args.push_back(fbdir_ = dir);
     }
-    server_ = std::make_unique<testing::ChildProcess>(xvfb, args);
+    server_ = std::make_unique<testing::ChildProcess>("/usr/bin/Xvfb", args);
     ASSERT_TRUE(server_->waitForStdout([](const std::string& line) { return !line.empty(); }));
     display_ = ":" + server_->stdoutLines().front();
     painter_ = xcb_connect(display_.c_str(), nullptr);
     ASSERT_FALSE(xcb_connection_has_error(painter_));
     root_ = xcb_setup_roots_iterator(xcb_get_setup(painter_)).data->root;
   }
-  void TearDown() override {
+  void stopServer() {
     if (painter_) xcb_disconnect(painter_);
+    painter_ = nullptr;
+    server_.reset();
     if (!fbdir_.empty()) std::filesystem::remove_all(fbdir_);
+    fbdir_.clear();
   }
 
   void fill(int x, int y, int width, int height, std::uint32_t rgb) {
@@ -114,77 +78,63 @@ class X11ScreenSourceTest : public ::testing::TestWithParam<std::vector<std::str
 
 // Each way of reading the screen delivers the screen, then what is drawn on it,
 // changing nothing else; DAMAGE delivers nothing while the screen is still.
-TEST_P(X11ScreenSourceTest, DeliversTheScreenAndWhatIsDrawnOnIt) {
-  std::string error;
-  auto source = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 6, 30, &error);
-  ASSERT_TRUE(source) << error;
-  const bool damage = GetParam() != std::vector<std::string>{"-extension", "DAMAGE"};
-  const bool shm = GetParam() != std::vector<std::string>{"-extension", "MIT-SHM"};
-  EXPECT_EQ(source->method(),
-            std::string(damage ? "DAMAGE" : "polling") + (shm ? " with MIT-SHM" : " with GetImage"));
-  fill(0, 0, 320, 240, 0x203040);
-  Samples samples;
-  source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
+TEST_F(X11ScreenSourceTest, EachMethodDeliversTheScreenAndWhatIsDrawnOnIt) {
+  for (const std::string left : {"", "DAMAGE", "MIT-SHM"}) {
+    SCOPED_TRACE("without " + left);
+    startServer(left.empty() ? std::vector<std::string>{} : std::vector<std::string>{"-extension", left});
+    std::string error;
+    auto source = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 6, 30, &error);
+    ASSERT_TRUE(source) << error;
+    const bool damage = left != "DAMAGE";
+    EXPECT_EQ(source->method(),
+              std::string(damage ? "DAMAGE" : "polling") + (left != "MIT-SHM" ? " with MIT-SHM" : " with GetImage"));
+    fill(0, 0, 320, 240, 0x203040);
+    testing::SampleRecorder samples;
+    source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
 
-  auto first = samples.await(1);
-  ASSERT_TRUE(first);
-  // The first sample may come before the fill reaches the screen; wait for it.
-  for (std::size_t n = 2; colourAt(*first, 300, 200) != Rgb{0x20, 0x30, 0x40}; ++n) {
-    first = samples.await(n);
+      // The first sample may come before the fill reaches the screen; wait for it.
+    auto first = samples.waitForSampleThat(1, [](const auto& s) { return colourAt(s, 300, 200) == Rgb{0x20, 0x30, 0x40}; });
     ASSERT_TRUE(first) << "the filled screen never arrived";
-  }
-  EXPECT_EQ(first->imageBuffer()->width(), 320);
-  EXPECT_EQ(first->imageBuffer()->height(), 240);
-  EXPECT_EQ(first->orientationAttachment(), 6);
-  const std::size_t before = samples.count();
-  if (damage) {
-    EXPECT_FALSE(samples.await(before + 1, 1s)) << "a still screen delivered a sample";
-  }
+    EXPECT_EQ(first->imageBuffer()->width(), 320);
+    EXPECT_EQ(first->imageBuffer()->height(), 240);
+    EXPECT_EQ(first->orientationAttachment(), 6);
+    const std::size_t before = samples.sampleCount();
+    EXPECT_TRUE(!damage || !samples.waitForSample(before + 1, 1s)) << "a still screen delivered a sample";
 
-  fill(100, 80, 20, 10, 0xff0000);
-  auto changed = samples.await(before + 1);
-  ASSERT_TRUE(changed);
-  if (damage) {
-    EXPECT_FALSE(samples.await(before + 2, 500ms)) << "one change, one sample";
-  }
-  EXPECT_EQ(colourAt(*changed, 110, 85), (Rgb{255, 0, 0}));
-  // Every pixel outside the rectangle is as it was.
-  const auto& a = *first->imageBuffer();
-  const auto& b = *changed->imageBuffer();
-  int differing = 0;
-  for (int y = 0; y < 240; ++y) {
-    for (int x = 0; x < 320; ++x) {
-      const bool inside = x >= 100 && x < 120 && y >= 80 && y < 90;
-      const bool same = std::memcmp(a.plane(0) + y * a.stride(0) + 4 * x, b.plane(0) + y * b.stride(0) + 4 * x, 4) == 0;
-      differing += inside == same;
+    fill(100, 80, 20, 10, 0xff0000);
+    auto changed = samples.waitForSample(before + 1);
+    ASSERT_TRUE(changed);
+    EXPECT_TRUE(!damage || !samples.waitForSample(before + 2, 500ms)) << "one change, one sample";
+    EXPECT_EQ(colourAt(*changed, 110, 85), (Rgb{255, 0, 0}));
+    // Every pixel outside the rectangle is as it was.
+    const auto& a = *first->imageBuffer();
+    const auto& b = *changed->imageBuffer();
+    int differing = 0;
+    for (int y = 0; y < 240; ++y) {
+      for (int x = 0; x < 320; ++x) {
+        const bool inside = x >= 100 && x < 120 && y >= 80 && y < 90;
+        const bool same = std::memcmp(a.plane(0) + y * a.stride(0) + 4 * x, b.plane(0) + y * b.stride(0) + 4 * x, 4) == 0;
+        differing += inside == same;
+      }
     }
-  }
-  EXPECT_EQ(differing, 0);
+    EXPECT_EQ(differing, 0);
 
-  // A window mapped by another client arrives too.
-  if (findProgram("xlogo").empty()) return;
-  testing::ChildProcess window(findProgram("xlogo"),
-                               {"-display", display_, "-geometry", "60x60+200+20", "-bg", "green", "-fg", "green"});
-  std::optional<platform::SampleBuffer> shown;
-  for (std::size_t n = samples.count() + 1; (shown = samples.await(n)); ++n) {
-    if (colourAt(*shown, 230, 50) == Rgb{0, 255, 0}) break;
+    // A window mapped by another client arrives too.
+    testing::ChildProcess window("/usr/bin/xlogo",
+                                 {"-display", display_, "-geometry", "60x60+200+20", "-bg", "green", "-fg", "green"});
+    auto shown = samples.waitForSampleThat(samples.sampleCount() + 1,
+                                           [](const auto& s) { return colourAt(s, 230, 50) == Rgb{0, 255, 0}; });
+    ASSERT_TRUE(shown) << "the window never showed";
+    EXPECT_EQ(colourAt(*shown, 110, 85), (Rgb{255, 0, 0})) << "a reused buffer lost an earlier change";
+    source->stop();
   }
-  ASSERT_TRUE(shown) << "the window never showed";
-  EXPECT_EQ(colourAt(*shown, 110, 85), (Rgb{255, 0, 0})) << "a reused buffer lost an earlier change";
 }
 
-INSTANTIATE_TEST_SUITE_P(Methods, X11ScreenSourceTest,
-                         ::testing::Values(std::vector<std::string>{}, std::vector<std::string>{"-extension", "DAMAGE"},
-                                           std::vector<std::string>{"-extension", "MIT-SHM"}),
-                         [](const auto& info) {
-                           return info.param.empty() ? std::string("DamageWithShm") : "No" + std::string(info.param[1] == "DAMAGE" ? "Damage" : "Shm");
-                         });
-
-class X11DesktopTest : public X11ScreenSourceTest {};
-
-// The desktop's scale comes from Xft.dpi, the samples follow the screen's size,
-// and the source ends when the display goes away.
-TEST_P(X11DesktopTest, TakesTheScaleFromXftDpiFollowsTheSizeAndEndsWhenTheDisplayGoes) {
+// The desktop's scale comes from Xft.dpi, and the source ends when the display
+// goes away. (A new screen size is followed in the end-to-end test on Xvnc, whose
+// RandR can change it.)
+TEST_F(X11ScreenSourceTest, TakesTheScaleFromXftDpiAndEndsWhenTheDisplayGoes) {
+  startServer({});
   std::string error;
   auto plain = X11ScreenSource::open(display_, platform::PixelFormat::NV12, 1, 30, &error);
   ASSERT_TRUE(plain) << error;
@@ -197,54 +147,26 @@ TEST_P(X11DesktopTest, TakesTheScaleFromXftDpiFollowsTheSizeAndEndsWhenTheDispla
   ASSERT_TRUE(hidpi) << error;
   EXPECT_EQ(hidpi->desktopScale(), 2);
 
-  Samples samples;
-  std::mutex mutex;
-  std::condition_variable endedCall;
-  std::optional<std::string> why;
-  hidpi->start(samples.sink(), [&](const std::string& line) {
-    std::lock_guard lock(mutex);
-    why = line;
-    endedCall.notify_all();
-  });
-  auto first = samples.await(1);
+  testing::SampleRecorder samples;
+  samples.listenTo(*hidpi);
+  auto first = samples.waitForSample(1);
   ASSERT_TRUE(first);
   EXPECT_EQ(first->imageBuffer()->format(), platform::PixelFormat::NV12);
-
-  // A smaller screen, as the server tells of it after a RandR change (which
-  // this Xvfb cannot make at run time): the samples follow it.
-  xcb_configure_notify_event_t configure{};
-  configure.response_type = XCB_CONFIGURE_NOTIFY;
-  configure.event = configure.window = root_;
-  configure.width = 200;
-  configure.height = 150;
-  xcb_send_event(painter_, 0, root_, XCB_EVENT_MASK_STRUCTURE_NOTIFY, reinterpret_cast<const char*>(&configure));
-  fill(0, 0, 10, 10, 0xffffff);
-  std::optional<platform::SampleBuffer> resized;
-  for (std::size_t n = 2; (resized = samples.await(n)); ++n) {
-    if (resized->imageBuffer()->width() == 200) break;
-  }
-  ASSERT_TRUE(resized) << "no sample at the new size";
-  EXPECT_EQ(resized->imageBuffer()->height(), 150);
   server_.reset();
-  std::unique_lock lock(mutex);
-  EXPECT_TRUE(endedCall.wait_for(lock, 20s, [&] { return why.has_value(); }));
-  EXPECT_EQ(why, "The X11 display went away");
+  EXPECT_EQ(samples.waitForEnd(), "The X11 display went away");
 }
-
-INSTANTIATE_TEST_SUITE_P(Default, X11DesktopTest, ::testing::Values(std::vector<std::string>{}));
-
-class X11MissedDamageTest : public X11ScreenSourceTest {};
 
 // A change the server reports no damage for (written straight into its screen
 // file here) still reaches the samples.
-TEST_P(X11MissedDamageTest, AChangeWithoutDamageStillArrives) {
+TEST_F(X11ScreenSourceTest, AChangeWithoutDamageStillArrives) {
+  startServer({"-fbdir"});
   std::string error;
   auto source = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 1, 30, &error);
   ASSERT_TRUE(source) << error;
   ASSERT_EQ(source->method(), "DAMAGE with MIT-SHM");
-  Samples samples;
+  testing::SampleRecorder samples;
   source->start(samples.sink(), [](const std::string& why) { ADD_FAILURE() << why; });
-  ASSERT_TRUE(samples.await(1));
+  ASSERT_TRUE(samples.waitForSample(1));
 
   // An XWD dump: big-endian header words, then the colour map, then the rows.
   std::fstream file(fbdir_ + "/Xvfb_screen0", std::ios::binary | std::ios::in | std::ios::out);
@@ -259,26 +181,21 @@ TEST_P(X11MissedDamageTest, AChangeWithoutDamageStillArrives) {
     for (int x = 0; x < 10; ++x) file.write("\0\0\xff\0", 4);  // red, in BGRA
   }
   file.flush();
-  std::optional<platform::SampleBuffer> healed;
-  for (std::size_t n = 2; (healed = samples.await(n, 10s)); ++n) {
-    if (colourAt(*healed, 155, 205) == Rgb{255, 0, 0}) break;
-  }
-  EXPECT_TRUE(healed) << "the change never arrived";
+  EXPECT_TRUE(samples.waitForSampleThat(2, [](const auto& s) { return colourAt(s, 155, 205) == Rgb{255, 0, 0}; }, 10s))
+      << "the change never arrived";
 }
-
-INSTANTIATE_TEST_SUITE_P(FramebufferFile, X11MissedDamageTest,
-                         ::testing::Values(std::vector<std::string>{"-fbdir"}));
 
 TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefusedAndScreenNeedsADesktop) {
   std::string error;
   EXPECT_FALSE(X11ScreenSource::open(":987", platform::PixelFormat::BGRA, 1, 30, &error));
   EXPECT_NE(error.find(":987"), std::string::npos);
 
-  const char* display = std::getenv("DISPLAY");
-  const char* wayland = std::getenv("WAYLAND_DISPLAY");
-  const std::string savedDisplay = display ? display : "", savedWayland = wayland ? wayland : "";
-  ::unsetenv("DISPLAY");
-  ::unsetenv("WAYLAND_DISPLAY");
+  std::map<std::string, std::optional<std::string>> saved;
+  for (const char* name : {"DISPLAY", "WAYLAND_DISPLAY"}) {
+    const char* value = std::getenv(name);
+    saved[name] = value ? std::optional<std::string>(value) : std::nullopt;
+    ::unsetenv(name);
+  }
   BroadcastOptions options;
   options.source = SourceSpec{SourceKind::Screen, ""};
   error.clear();
@@ -288,12 +205,7 @@ TEST(X11ScreenSourceOpenTest, ADisplayThatCannotBeOpenedIsRefusedAndScreenNeedsA
   ::setenv("DISPLAY", ":987", 1);
   EXPECT_FALSE(makeScreenSource(options, &error));
   EXPECT_NE(error.find(":987"), std::string::npos) << "the screen is $DISPLAY's: " << error;
-  if (display) {
-    ::setenv("DISPLAY", savedDisplay.c_str(), 1);
-  } else {
-    ::unsetenv("DISPLAY");
-  }
-  if (wayland) ::setenv("WAYLAND_DISPLAY", savedWayland.c_str(), 1);
+  for (const auto& [name, value] : saved) value ? ::setenv(name.c_str(), value->c_str(), 1) : ::unsetenv(name.c_str());
 }
 
 }  // namespace

@@ -2,11 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
-#include <vector>
 
-#include "zephlo/platform/bitmap.hpp"
-#include "zephlo/platform/jpeg_encoder.hpp"
+#include "zephlo/base/value.hpp"
 
 namespace zephlo::service {
 namespace {

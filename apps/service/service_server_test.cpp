@@ -9,6 +9,7 @@
 #include <boost/asio/write.hpp>
 #include <chrono>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include "apps/service_load/frame_pattern.hpp"
@@ -41,6 +42,8 @@ class ServiceServerTest : public ::testing::Test {
     std::string error;
     ASSERT_TRUE(server_->listen("127.0.0.1", 0, &error)) << error;
     ASSERT_NE(server_->port(), 0);
+    session_ = createSession();
+    id_ = text(session_, "id");
   }
 
   void TearDown() override {
@@ -66,8 +69,11 @@ class ServiceServerTest : public ::testing::Test {
   HttpResult putSession(const std::string& idOrCode, std::string body) {
     return fetch("PUT", "/api/1/sessions/" + idOrCode, std::move(body));
   }
-  HttpResult postEvent(const std::string& id, std::string body) {
-    return fetch("POST", "/console/api/sessions/" + id + "/events", std::move(body));
+  HttpResult postEvent(const std::string& id, std::string body) { return consoleApi(id, "/events", "POST", std::move(body)); }
+  // A call on the console's API for session `id`.
+  HttpResult consoleApi(const std::string& id, const std::string& path = "", std::string method = "GET",
+                        std::string body = "") {
+    return fetch(std::move(method), "/console/api/sessions/" + id + path, std::move(body));
   }
 
   // Writes bytes on a fresh TCP connection and reads until the service closes it.
@@ -149,52 +155,49 @@ class ServiceServerTest : public ::testing::Test {
 
   std::unique_ptr<ServiceServer> server_;
   std::vector<std::shared_ptr<WireClient>> clients_;
+  ValueMap session_;  // made for every case, with its id
+  std::string id_;
 };
 
 TEST_F(ServiceServerTest, AnswersTheSessionResourceWithStatusesAndMessages) {
-  const ValueMap session = createSession();
-  const std::string id = text(session, "id"), code = text(session, "code");
-  const std::string urlBase = "ws://127.0.0.1:" + std::to_string(server_->port()) + "/sessions/" + id;
+  const std::string code = text(session_, "code");
+  const std::string urlBase = "ws://127.0.0.1:" + std::to_string(server_->port()) + "/sessions/" + id_;
   // The resource itself is the store's; the service adds its own address.
-  EXPECT_EQ(text(session, "control_url"), urlBase + "/control");
-  EXPECT_EQ(text(session, "stream_url"), urlBase + "/stream");
+  EXPECT_EQ(text(session_, "control_url"), urlBase + "/control");
+  EXPECT_EQ(text(session_, "stream_url"), urlBase + "/stream");
 
   // By id and by code.
-  HttpResult r = fetch("GET", "/api/1/sessions/" + id);
+  HttpResult r = fetch("GET", "/api/1/sessions/" + id_);
   EXPECT_EQ(r.contentType, "application/json; charset=utf-8");
-  EXPECT_EQ(bodyOf(r, 200), session);
-  EXPECT_EQ(bodyOf(fetch("GET", "/api/1/sessions/" + code), 200), session);
+  EXPECT_EQ(bodyOf(r, 200), session_);
+  EXPECT_EQ(bodyOf(fetch("GET", "/api/1/sessions/" + code), 200), session_);
 
   // The extension's full-device switch answers the whole session.
-  const ValueMap changed = bodyOf(putSession(id, R"({"full_device":true})"), 200);
+  const ValueMap changed = bodyOf(putSession(id_, R"({"full_device":true})"), 200);
   EXPECT_EQ(changed.get("full_device"), Value(true));
   EXPECT_EQ(text(changed, "state"), "pending");
   EXPECT_EQ(text(bodyOf(putSession(code, R"({"state":"active"})"), 200), "state"), "active");
 
   // Refusals: a JSON object with a "message" and the status that says why (the
   // store's own rules for bodies are its tests' business).
-  const struct {
-    const char* method;
-    std::string target;
-    const char* body;
-    int status;
-  } refusals[] = {
+  for (const auto& [method, target, body, status] :
+       std::initializer_list<std::tuple<const char*, std::string, const char*, int>>{
       {"GET", "/api/1/sessions/unknown", "", 404},
       {"PUT", "/api/1/sessions/unknown", R"({"state":"active"})", 404},
-      {"PUT", "/api/1/sessions/" + id, "", 400},
-      {"PUT", "/api/1/sessions/" + id, "{not json", 400},
-      {"DELETE", "/api/1/sessions/" + id, "", 405},
+      {"PUT", "/api/1/sessions/" + id_, "", 400},
+      {"PUT", "/api/1/sessions/" + id_, "{not json", 400},
+      {"DELETE", "/api/1/sessions/" + id_, "", 405},
       {"GET", "/api/1/sessions", "", 405},
       {"POST", "/api/1/sessions", "{oops", 400},
       {"GET", "/api/1/nothing", "", 404},
-  };
-  for (const auto& c : refusals) {
-    SCOPED_TRACE(std::string(c.method) + " " + c.target + " " + c.body);
-    EXPECT_TRUE(bodyOf(fetch(c.method, c.target, c.body), c.status).get("message").isString());
+      {"PUT", "/console/api/sessions/" + id_ + "/full-device-failure", R"({"status":200})", 422},
+       }) {
+    SCOPED_TRACE(std::string(method) + " " + target + " " + body);
+    EXPECT_TRUE(bodyOf(fetch(method, target, body), status).get("message").isString());
   }
 
-  EXPECT_EQ(putSession(id, R"({"state":"ended"})").status, 200);
-  EXPECT_EQ(text(bodyOf(putSession(id, R"({"state":"active"})"), 409), "message"), "Session has ended");
+  EXPECT_EQ(putSession(id_, R"({"state":"ended"})").status, 200);
+  EXPECT_EQ(text(bodyOf(putSession(id_, R"({"state":"active"})"), 409), "message"), "Session has ended");
 }
 
 TEST_F(ServiceServerTest, StoresAndDeletesDevices) {
@@ -207,43 +210,42 @@ TEST_F(ServiceServerTest, StoresAndDeletesDevices) {
 }
 
 TEST_F(ServiceServerTest, SocketsNeedTheirOwnBearerToken) {
-  const ValueMap session = createSession();
-  const std::string control = socketTarget(session, "control_url"), stream = socketTarget(session, "stream_url");
-  const std::string streamToken = text(session, "stream_token"), controlToken = text(session, "control_token");
-  const struct {
-    std::string target;
-    std::optional<std::string> token;
-    int status;
-  } refused[] = {
+  const std::string control = socketTarget(session_, "control_url"), stream = socketTarget(session_, "stream_url");
+  const std::string streamToken = text(session_, "stream_token"), controlToken = text(session_, "control_token");
+  for (const auto& [target, token, status] :
+       std::initializer_list<std::tuple<std::string, std::optional<std::string>, int>>{
       {stream, std::nullopt, 401},
       {stream, "wrong", 401},
       {stream, controlToken, 401},  // the other socket's token
       {control, streamToken, 401},
       {"/sessions/unknown/stream/sockets/1/ws", streamToken, 404},
-      {"/sessions/" + text(session, "id") + "/other/sockets/1/ws", streamToken, 404},
-  };
-  for (const auto& a : refused) {
-    SCOPED_TRACE(a.target + " " + a.token.value_or("(none)"));
-    auto client = connect(a.target, a.token);
+      {"/sessions/" + id_ + "/other/sockets/1/ws", streamToken, 404},
+       }) {
+    SCOPED_TRACE(target + " " + token.value_or("(none)"));
+    auto client = connect(target, token);
     ASSERT_EQ(client->state(), WireClient::State::Refused);
-    EXPECT_EQ(client->refusedStatus(), a.status);
+    EXPECT_EQ(client->refusedStatus(), status);
     auto body = json::parse(client->refusedBody());
     ASSERT_TRUE(body && body->isMap()) << client->refusedBody();
     EXPECT_TRUE(body->asMap()->get("message").isString());
   }
-  EXPECT_EQ(connect(stream, streamToken)->state(), WireClient::State::Open);
-  EXPECT_EQ(connect(control, controlToken)->state(), WireClient::State::Open);
+  auto streamSocket = connect(stream, streamToken), controlSocket = connect(control, controlToken);
+  EXPECT_EQ(streamSocket->state(), WireClient::State::Open);
+  EXPECT_EQ(controlSocket->state(), WireClient::State::Open);
+  // The operator's drop closes the stream socket only.
+  EXPECT_EQ(bodyOf(consoleApi(id_, "/drop-stream", "POST"), 200).get("dropped").toDouble(), 1.0);
+  ASSERT_TRUE(waitFor([&] { return streamSocket->state() == WireClient::State::Closed; }));
+  roundTrip(*controlSocket);
 
   // An ended session takes no new sockets.
-  putSession(text(session, "id"), R"({"state":"ended"})");
+  putSession(id_, R"({"state":"ended"})");
   auto late = connect(stream, streamToken);
   EXPECT_EQ(late->state(), WireClient::State::Refused);
   EXPECT_EQ(late->refusedStatus(), 410);
 }
 
 TEST_F(ServiceServerTest, AcknowledgesEveryMessageByIdAndSurvivesGarbage) {
-  const ValueMap session = createSession();
-  auto stream = openSocket(session, "stream");
+  auto stream = openSocket(session_, "stream");
   stream->send("filter", ValueMap{{"events", ValueArray{"touch"}}});
   stream->send("screen", ValueMap{{"type", "Screen"}});
   stream->send("nobody-listens", ValueMap{});
@@ -264,25 +266,23 @@ TEST_F(ServiceServerTest, AcknowledgesEveryMessageByIdAndSurvivesGarbage) {
   EXPECT_EQ(acks, (std::vector<std::uint64_t>{1, 2, 3, 4}));
   EXPECT_EQ(stream->state(), WireClient::State::Open);
   EXPECT_EQ(stream->undecodable(), 0u);
-  EXPECT_EQ(fetch("GET", "/api/1/sessions/" + text(session, "id")).status, 200);  // still answering
+  EXPECT_EQ(fetch("GET", "/api/1/sessions/" + id_).status, 200);  // still answering
 }
 
 TEST_F(ServiceServerTest, SocketsReceiveOnlyTheEventsTheySubscribedTo) {
-  const ValueMap session = createSession();
-  const std::string id = text(session, "id");
-  auto touchOnly = openSocket(session, "stream");
-  auto extension = openSocket(session, "stream");
-  auto unsubscribed = openSocket(session, "stream");
+  auto touchOnly = openSocket(session_, "stream");
+  auto extension = openSocket(session_, "stream");
+  auto unsubscribed = openSocket(session_, "stream");
   subscribe(*touchOnly, {"touch"});
   subscribe(*extension, {"drawing", "laser", "url", "touch", "keypress", "sync", "probe"});
 
-  const auto delivered = [&](const std::string& json) { return bodyOf(postEvent(id, json), 200).get("delivered").toDouble(); };
+  const auto delivered = [&](const std::string& json) { return bodyOf(postEvent(id_, json), 200).get("delivered").toDouble(); };
   EXPECT_EQ(delivered(R"({"event":"laser","data":{"type":"Laser","id":"l1","state":"touchstart","x":10,"y":20}})"), 1.0);
   EXPECT_EQ(delivered(R"({"event":"touch","data":{"type":"Touch","id":"t1","state":"touchend",)"
                       R"("timestamp":"2024-05-01T13:45:07.123+0200","x":1.5,"y":2.5}})"),
             2.0);
   // Not an agent event, and not a session.
-  EXPECT_EQ(postEvent(id, R"({"event":"frame","data":{}})").status, 422);
+  EXPECT_EQ(postEvent(id_, R"({"event":"frame","data":{}})").status, 422);
   EXPECT_EQ(postEvent("nope", R"({"event":"sync","data":{}})").status, 404);
 
   for (auto* c : {touchOnly.get(), extension.get(), unsubscribed.get()}) roundTrip(*c);
@@ -297,26 +297,24 @@ TEST_F(ServiceServerTest, SocketsReceiveOnlyTheEventsTheySubscribedTo) {
 
   // A new filter replaces the old one.
   subscribe(*touchOnly, {"sync"});
-  postEvent(id, R"({"event":"touch","data":{}})");
-  postEvent(id, R"({"event":"sync"})");
+  postEvent(id_, R"({"event":"touch","data":{}})");
+  postEvent(id_, R"({"event":"sync"})");
   roundTrip(*touchOnly);
   EXPECT_EQ(touchOnly->events("touch").size(), 1u);
   EXPECT_EQ(touchOnly->events("sync").size(), 1u);
 }
 
 TEST_F(ServiceServerTest, PushesTheSessionOnControlSocketsWhenItChanges) {
-  const ValueMap session = createSession();
-  const std::string id = text(session, "id");
-  auto control = openSocket(session, "control");
-  auto silent = openSocket(session, "control");
-  auto stream = openSocket(session, "stream");
+  auto control = openSocket(session_, "control");
+  auto silent = openSocket(session_, "control");
+  auto stream = openSocket(session_, "stream");
   subscribe(*control, {"session"});
   subscribe(*stream, {"session", "touch"});  // sessions go out on control sockets only
 
-  putSession(id, R"({"state":"active","full_device":true})");
-  putSession(id, R"({"state":"active"})");  // no change, no push
-  putSession(id, R"({"state":"bogus"})");   // refused, no push
-  const HttpResult ended = putSession(id, R"({"state":"ended"})");
+  putSession(id_, R"({"state":"active","full_device":true})");
+  putSession(id_, R"({"state":"active"})");  // no change, no push
+  putSession(id_, R"({"state":"bogus"})");   // refused, no push
+  const HttpResult ended = putSession(id_, R"({"state":"ended"})");
   for (auto* c : {control.get(), silent.get(), stream.get()}) roundTrip(*c);
 
   const auto pushes = control->events("session");
@@ -324,9 +322,9 @@ TEST_F(ServiceServerTest, PushesTheSessionOnControlSocketsWhenItChanges) {
   EXPECT_EQ(text(pushes[0], "state"), "active");
   EXPECT_EQ(pushes[0].get("full_device"), Value(true));
   EXPECT_EQ(text(pushes[0], "type"), "Session");
-  EXPECT_EQ(text(pushes[0], "stream_token"), text(session, "stream_token"));
+  EXPECT_EQ(text(pushes[0], "stream_token"), text(session_, "stream_token"));
   EXPECT_EQ(text(pushes[1], "state"), "ended");
-  EXPECT_EQ(text(pushes[1], "id"), id);
+  EXPECT_EQ(text(pushes[1], "id"), id_);
   EXPECT_EQ(text(pushes[1], "updated_at"), text(bodyOf(ended), "updated_at"));
   // Envelope ids of the service's own messages count up per socket.
   std::vector<std::uint64_t> ids;
@@ -338,9 +336,7 @@ TEST_F(ServiceServerTest, PushesTheSessionOnControlSocketsWhenItChanges) {
 }
 
 TEST_F(ServiceServerTest, CountsFramesKeepsTheLatestAndShowsThemToTheConsole) {
-  const ValueMap session = createSession();
-  const std::string id = text(session, "id");
-  auto console = watchingConsole(id);
+  auto console = watchingConsole(id_);
   auto first = json::parse(console->texts().at(0));
   ASSERT_TRUE(first && first->isMap());
   EXPECT_EQ(text(*first->asMap(), "type"), "sessions");
@@ -349,7 +345,7 @@ TEST_F(ServiceServerTest, CountsFramesKeepsTheLatestAndShowsThemToTheConsole) {
 
   const auto jpegs = patternFrames(64, 48, 3, 0.6);
   ASSERT_EQ(jpegs.size(), 3u);
-  auto stream = openSocket(session, "stream");
+  auto stream = openSocket(session_, "stream");
   std::uint64_t bytes = 0;
   for (std::uint64_t frameId : {0u, 1u, 3u}) {  // frame 2 was dropped by the sender
     const SharedBytes& jpeg = jpegs[frameId % 3];
@@ -360,18 +356,18 @@ TEST_F(ServiceServerTest, CountsFramesKeepsTheLatestAndShowsThemToTheConsole) {
   stream->send("frame", ValueMap{{"type", "Frame"}, {"id", 9u}});  // no image: ignored
   roundTrip(*stream);
 
-  const ValueMap summary = bodyOf(fetch("GET", "/console/api/sessions/" + id));
+  const ValueMap summary = bodyOf(consoleApi(id_));
   const ValueMap* stats = mapField(summary, "stats");
   ASSERT_TRUE(stats);
   for (const auto& [key, expected] : {std::pair<const char*, double>{"frames", 3}, {"bytes", static_cast<double>(bytes)},
                                       {"missing_ids", 1}, {"last_frame_id", 3}, {"last_quality", 60}})
     EXPECT_EQ(stats->get(key).toDouble(), expected) << key;
   EXPECT_EQ(summary.get("stream_sockets").toDouble(), 1.0);
-  const HttpResult frame = fetch("GET", "/console/api/sessions/" + id + "/frame");
+  const HttpResult frame = consoleApi(id_, "/frame");
   EXPECT_EQ(frame.status, 200);
   EXPECT_EQ(frame.contentType, "image/jpeg");
   EXPECT_EQ(Bytes(frame.body.begin(), frame.body.end()), *jpegs[0]);  // frame 3 is jpegs[0]
-  EXPECT_EQ(fetch("GET", "/console/api/sessions/" + text(createSession(), "id") + "/frame").status, 404);
+  EXPECT_EQ(consoleApi(text(createSession(), "id"), "/frame").status, 404);
 
   // Frames reach the console as binary messages ending in the JPEG (the browser
   // test reads the rest). Newer frames replace those not yet written, so the
@@ -385,12 +381,10 @@ TEST_F(ServiceServerTest, CountsFramesKeepsTheLatestAndShowsThemToTheConsole) {
 }
 
 TEST_F(ServiceServerTest, ConsoleRelaysAgentEventsAndProbeRepliesComeBack) {
-  const ValueMap session = createSession();
-  const std::string id = text(session, "id");
-  auto stream = openSocket(session, "stream");
+  auto stream = openSocket(session_, "stream");
   subscribe(*stream, {"touch", "probe", "sync"});
-  auto console = watchingConsole(id);
-  const std::string event = R"({"type":"event","session":")" + id + R"(","event":)";
+  auto console = watchingConsole(id_);
+  const std::string event = R"({"type":"event","session":")" + id_ + R"(","event":)";
   say(*console, event + R"("touch","data":{"type":"Touch","id":"agent-1","state":"touchstart",)"
                         R"("timestamp":"2024-05-01T13:45:07.123+0200","x":12,"y":34}})");
   say(*console, event + R"("probe","data":{"n":1,"sent_at":5}})");
@@ -406,20 +400,6 @@ TEST_F(ServiceServerTest, ConsoleRelaysAgentEventsAndProbeRepliesComeBack) {
   ASSERT_TRUE(waitFor([&] { return countTexts(*console, R"("type":"alive")") > 0; }));
   EXPECT_EQ(countTexts(*console, R"("type":"sent")"), 2u);
   EXPECT_EQ(countTexts(*console, R"("type":"error")"), 1u);
-}
-
-TEST_F(ServiceServerTest, OperatorsCanDropStreamSocketsAndRefuseFullDeviceMode) {
-  const ValueMap session = createSession();
-  const std::string id = text(session, "id");
-  auto control = openSocket(session, "control");
-  auto stream = openSocket(session, "stream");
-  EXPECT_EQ(bodyOf(fetch("POST", "/console/api/sessions/" + id + "/drop-stream"), 200).get("dropped").toDouble(), 1.0);
-  ASSERT_TRUE(waitFor([&] { return stream->state() == WireClient::State::Closed; }));
-  roundTrip(*control);  // the control socket stays
-
-  const std::string failure = "/console/api/sessions/" + id + "/full-device-failure";
-  EXPECT_EQ(fetch("PUT", failure, R"({"status":503,"message":"No capacity"})").status, 200);
-  EXPECT_EQ(fetch("PUT", failure, R"({"status":200})").status, 422);
 }
 
 TEST_F(ServiceServerTest, ServesTheConsoleAndSurvivesMalformedRequests) {
@@ -458,7 +438,7 @@ TEST_F(ServiceServerTest, ManyBroadcastsAreAllAcknowledged) {
   // The service counted every frame in the session it came for.
   std::uint64_t counted = 0;
   for (const std::string& id : run->sessionIds()) {
-    const ValueMap summary = bodyOf(fetch("GET", "/console/api/sessions/" + id));
+    const ValueMap summary = bodyOf(consoleApi(id));
     EXPECT_EQ(text(summary, "state"), "active");
     EXPECT_EQ(summary.get("full_device"), Value(true));
     counted += static_cast<std::uint64_t>(*mapField(summary, "stats")->get("frames").toDouble());

@@ -31,11 +31,9 @@ class SessionStoreTest : public ::testing::Test {
 
 TEST_F(SessionStoreTest, CreatesAPendingSessionWithItsOwnCodeAndTokens) {
   Session& s = store_.create("ws://127.0.0.1:9999");
-  const ValueMap& r = s.resource;
-  EXPECT_EQ(r.get("state"), Value("pending"));
-  EXPECT_EQ(r.get("full_device"), Value(false));
-  EXPECT_EQ(r.get("require_consent"), Value(false));
-  EXPECT_EQ(r.get("scale"), Value(0.5));
+  for (const auto& [key, value] : {std::pair<const char*, Value>{"state", "pending"}, {"full_device", false},
+                                   {"require_consent", false}, {"scale", 0.5}})
+    EXPECT_EQ(s.resource.get(key), value) << key;
   EXPECT_TRUE(s.code.size() == 6 && std::all_of(s.code.begin(), s.code.end(), ::isdigit)) << s.code;
   const std::string control = s.token("control_token"), stream = s.token("stream_token");
   for (const std::string& token : {control, stream})
