@@ -4,7 +4,6 @@
 
 #include <limits>
 #include <optional>
-#include <thread>
 
 #include "zephlo/platform/screen.hpp"
 #include "zephlo/testing/log_capture.hpp"
@@ -122,7 +121,7 @@ TEST_F(ReplayKitFrameSourceTest, FactorThatIsNotAPositiveSizeRendersNothing) {
   EXPECT_EQ(source.newFrame(1.0), nullptr);
 }
 
-TEST_F(ReplayKitFrameSourceTest, SamplesThatAreNotVideoPicturesChangeNothing) {
+TEST_F(ReplayKitFrameSourceTest, SamplesThatAreNotVideoPicturesChangeNothingAndStopDropsTheSample) {
   EXPECT_FALSE(source.isNewFrameAvailable());  // nor does a fresh source have anything
   testing::LogCapture log;
   source.processSampleBuffer(SampleBuffer(picture(60, 120)), platform::kSampleBufferTypeAudioApp);
@@ -135,9 +134,8 @@ TEST_F(ReplayKitFrameSourceTest, SamplesThatAreNotVideoPicturesChangeNothing) {
   EXPECT_TRUE(log.lines().empty());
   EXPECT_FALSE(source.isNewFrameAvailable());
   EXPECT_EQ(source.newFrame(0.5), nullptr);
-}
 
-TEST_F(ReplayKitFrameSourceTest, StopDropsTheSampleButNotTheFlag) {
+  // Stopping drops the sample but not the flag.
   feed(picture(60, 120));
   source.capturingWillStart();
   source.capturingWillStop();
@@ -145,27 +143,6 @@ TEST_F(ReplayKitFrameSourceTest, StopDropsTheSampleButNotTheFlag) {
   EXPECT_EQ(source.newFrame(0.5), nullptr);
   feed(picture(60, 120));
   EXPECT_NE(source.newFrame(0.5), nullptr);
-}
-
-TEST_F(ReplayKitFrameSourceTest, SamplesFromTheCaptureThreadHandOverWhileRendering) {
-  // The capture thread delivers shades 1..200 while the main queue renders.
-  std::vector<std::shared_ptr<PixelBuffer>> buffers;
-  for (int shade = 1; shade <= 200; ++shade) buffers.push_back(picture(40, 80, static_cast<std::uint8_t>(shade), false));
-  std::atomic<bool> done{false};
-  std::thread capture([&] {
-    for (const auto& buffer : buffers) feed(buffer);
-    done = true;
-  });
-  while (!done) {
-    if (auto frame = source.newFrame(0.25)) {
-      // Every frame shows one whole sample: one shade across the picture.
-      ASSERT_EQ(frame->at(0, 0, 0), frame->at(0, frame->width() - 1, frame->height() - 1));
-    }
-  }
-  capture.join();
-  auto last = source.newFrame(0.25);
-  ASSERT_NE(last, nullptr);
-  EXPECT_EQ(last->at(0, 5, 10), 200);
 }
 
 }  // namespace

@@ -16,7 +16,7 @@ Value laser(std::initializer_list<ValueMap::Entry> changes, const char* dropped 
   return m;
 }
 
-TEST(ZPHLaserTest, ParsesIdStateAndNumericPosition) {
+TEST(ZPHLaserTest, ParsesIdStateAndNumericPositionAndAnswersStateQueries) {
   const std::tuple<const char*, Value, std::optional<Point>, const char*> cases[] = {  // no position: rejected
       {"full", laser({{"state", "touchstart"}, {"x", 12.5}, {"y", 3}}), Point{12.5, 3}, "touchstart"},
       {"x as text falls back to the origin", laser({{"x", "12"}, {"y", 3}}), Point{0, 0}, "touchmove"},
@@ -36,16 +36,15 @@ TEST(ZPHLaserTest, ParsesIdStateAndNumericPosition) {
     EXPECT_EQ(parsed->state(), state);
     EXPECT_EQ(parsed->id(), "l");
   }
-}
 
-TEST(ZPHLaserTest, StateQueriesMatchExactly) {
+  // The state queries match exactly.
   using Queries = std::array<bool, 3>;  // start, move, end
-  const std::pair<const char*, Queries> cases[] = {{"touchstart", {true, false, false}},
+  const std::pair<const char*, Queries> queries[] = {{"touchstart", {true, false, false}},
       {"touchmove", {false, true, false}}, {"touchend", {false, false, true}}, {"TouchMove", {}}, {"", {}}};
-  ZPHLaser laser;
-  for (const auto& [state, expected] : cases) {
-    laser.setState(state);
-    EXPECT_EQ((Queries{laser.isStart(), laser.isMove(), laser.isEnd()}), expected) << state;
+  ZPHLaser event;
+  for (const auto& [state, expected] : queries) {
+    event.setState(state);
+    EXPECT_EQ((Queries{event.isStart(), event.isMove(), event.isEnd()}), expected) << state;
   }
 }
 

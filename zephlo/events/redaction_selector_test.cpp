@@ -5,16 +5,15 @@
 namespace zephlo {
 namespace {
 
-TEST(ZPHRedactionSelectorTest, OnlyArraysMakeSelectors) {
+TEST(ZPHRedactionSelectorTest, OnlyArraysMakeSelectorsOfTheirDictionaries) {
   for (const Value& v : {Value(ValueMap{{"tag", "a"}}), Value("div"), Value(), Value(4)})
     EXPECT_EQ(ZPHRedactionSelector::from(v), nullptr) << v.debugString();
 
   auto empty = ZPHRedactionSelector::from(ValueArray{});
   ASSERT_NE(empty, nullptr);
   EXPECT_TRUE(empty->parts().empty());
-}
 
-TEST(ZPHRedactionSelectorTest, KeepsDictionaryPartsInOrderAndSkipsTheRest) {
+  // Dictionary parts are kept in order, anything else skipped.
   auto selector = ZPHRedactionSelector::from(ValueArray{
       ValueMap{{"tag", "window"}}, 7, "text", ValueMap{{"id", "2"}}, ValueArray{ValueMap{}}, ValueMap{}});
   ASSERT_NE(selector, nullptr);

@@ -2,10 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <chrono>
 #include <optional>
-#include <thread>
 
 namespace zephlo {
 namespace {
@@ -113,23 +111,6 @@ TEST(ZPHTouchEventTest, GeometryAndScaledCopies) {
   EXPECT_EQ(scaled->state(), "touchend");
   EXPECT_EQ(scaled->timestamp(), later->timestamp());
   EXPECT_EQ(later->position(), (Point{3, 4}));
-}
-
-// A reader racing a writer sees one whole point, never x of one and y of another.
-TEST(ZPHTouchEventTest, PositionIsReadWhole) {
-  ZPHTouchEvent event;
-  std::atomic<bool> done{false};
-  std::thread writer([&] {
-    for (int i = 0; i < 200000; ++i) event.setPosition(i % 2 ? Point{1, 1} : Point{2, 2});
-    done = true;
-  });
-  int torn = 0;
-  while (!done) {
-    Point p = event.position();
-    if (p.x != p.y) ++torn;
-  }
-  writer.join();
-  EXPECT_EQ(torn, 0);
 }
 
 }  // namespace

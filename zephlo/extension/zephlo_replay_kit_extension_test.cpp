@@ -148,7 +148,7 @@ TEST_F(ZephloReplayKitExtensionTest, MissingSessionConfiguresTheServiceLayerThen
   expectFinish("No session available");
 }
 
-TEST_F(ZephloReplayKitExtensionTest, ActiveFullDeviceReplyStartsTheLoopAndEndsNothing) {
+TEST_F(ZephloReplayKitExtensionTest, ActiveFullDeviceReplyStartsTheLoopAndVideoSamplesReachTheSource) {
   startWithReply(200, sessionJson("active", true, R"(,"scale":0.25)"));
   const auto requests = http_.requests();
   ASSERT_EQ(requests.size(), 1u);  // the PUT routed to the session
@@ -159,6 +159,16 @@ TEST_F(ZephloReplayKitExtensionTest, ActiveFullDeviceReplyStartsTheLoopAndEndsNo
   EXPECT_TRUE(running());
   EXPECT_TRUE(finishes_.empty());
   EXPECT_TRUE(log_.lines().empty());
+
+  // Only video samples reach the frame source, and finishing stops the loop.
+  controller_->processSampleBuffer(sampleOf(10), platform::kSampleBufferTypeAudioApp);
+  controller_->processSampleBuffer(sampleOf(10), platform::kSampleBufferTypeAudioMic);
+  EXPECT_FALSE(peer().frameSource()->isNewFrameAvailable());
+  EXPECT_TRUE(log_.lines().empty());  // the source would have said "ignoring non-video sample"
+  controller_->processSampleBuffer(sampleOf(10), platform::kSampleBufferTypeVideo);
+  EXPECT_TRUE(peer().frameSource()->isNewFrameAvailable());
+  controller_->broadcastFinished();
+  EXPECT_FALSE(running());
 }
 
 TEST_F(ZephloReplayKitExtensionTest, FullDeviceTransportFailureEndsAtOnceWithTheTransportError) {
@@ -172,16 +182,7 @@ TEST_F(ZephloReplayKitExtensionTest, FullDeviceTransportFailureEndsAtOnceWithThe
   EXPECT_TRUE(log_.lines().empty());
 }
 
-// Pending and ended sessions end the broadcast as the end-to-end tests show, and
-// leave the loop stopped as any state but active does.
-TEST_F(ZephloReplayKitExtensionTest, ActiveReplyWithFullDeviceOffEndsAndNeverStartsTheLoop) {
-  startWithReply(200, sessionJson("active", false));
-  EXPECT_FALSE(running());
-  expectFinish("Full device mode switched off");
-  EXPECT_FALSE(running());
-}
-
-TEST_F(ZephloReplayKitExtensionTest, FullDeviceSwitchedOffWhileStreamingEndsEachTimeAndLeavesTheLoopRunning) {
+TEST_F(ZephloReplayKitExtensionTest, FullDeviceSwitchedOffEndsEachTimeAndOnlyLeavingActiveStopsTheLoop) {
   startWithReply(200, sessionJson("active", true));
   ASSERT_TRUE(running());
   ASSERT_FALSE(peer().session()->updateResource(session("active", false)));
@@ -194,10 +195,8 @@ TEST_F(ZephloReplayKitExtensionTest, FullDeviceSwitchedOffWhileStreamingEndsEach
   advance(100ms);
   EXPECT_EQ(finishes_.size(), 2u);
   EXPECT_TRUE(running());
-}
 
-TEST_F(ZephloReplayKitExtensionTest, SessionLeavingActiveStopsTheLoopAndComingBackStartsIt) {
-  startWithReply(200, sessionJson("active", true));
+  // Leaving the active state stops the loop and coming back starts it.
   for (const char* state : {"pending", "authorizing", "unknown"}) {
     peer().session()->updateResource(session("active", true));
     ASSERT_TRUE(running());
@@ -207,19 +206,7 @@ TEST_F(ZephloReplayKitExtensionTest, SessionLeavingActiveStopsTheLoopAndComingBa
   controller_->broadcastResumed();  // starts the loop whatever the session's state
   EXPECT_TRUE(running());
   advance(1s);
-  EXPECT_TRUE(finishes_.empty());
-}
-
-TEST_F(ZephloReplayKitExtensionTest, OnlyVideoSamplesReachTheFrameSourceAndFinishingStopsTheLoop) {
-  startWithReply(200, sessionJson("active", true));
-  controller_->processSampleBuffer(sampleOf(10), platform::kSampleBufferTypeAudioApp);
-  controller_->processSampleBuffer(sampleOf(10), platform::kSampleBufferTypeAudioMic);
-  EXPECT_FALSE(peer().frameSource()->isNewFrameAvailable());
-  EXPECT_TRUE(log_.lines().empty());  // the source would have said "ignoring non-video sample"
-  controller_->processSampleBuffer(sampleOf(10), platform::kSampleBufferTypeVideo);
-  EXPECT_TRUE(peer().frameSource()->isNewFrameAvailable());
-  controller_->broadcastFinished();
-  EXPECT_FALSE(running());
+  EXPECT_EQ(finishes_.size(), 2u);
 }
 
 }  // namespace
