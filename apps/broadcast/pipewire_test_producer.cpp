@@ -162,7 +162,7 @@ void PipeWireTestProducer::formatChanged(const spa_pod* param) {
   height_ = static_cast<int>(info.size.height);
   std::uint8_t storage[1024];
   spa_pod_builder builder = SPA_POD_BUILDER_INIT(storage, sizeof storage);
-  const int stride = width_ * 4 + 64;
+  const int stride = rowBytes();
   const spa_pod* params[3];
   params[0] = static_cast<const spa_pod*>(spa_pod_builder_add_object(
       &builder, SPA_TYPE_OBJECT_ParamBuffers, SPA_PARAM_Buffers, SPA_PARAM_BUFFERS_buffers,
@@ -187,7 +187,7 @@ void PipeWireTestProducer::fill() {
   const Picture picture = pictures_.front();
   pictures_.pop_front();
   spa_data& data = buffer->buffer->datas[0];
-  const int stride = width_ * 4 + 64;  // padded rows, as compositors have them
+  const int stride = rowBytes();
   auto* pixels = static_cast<std::uint8_t*>(data.data);
   if (pixels && static_cast<std::size_t>(stride) * height_ <= data.maxsize) {
     for (int y = 0; y < height_; ++y) {

@@ -71,6 +71,8 @@ class PipeWireTestProducer {
   void formatChanged(const spa_pod* param);
   void offerFormat(int width, int height);
   void fill();
+  // Padded rows, as compositors have them.
+  int rowBytes() const { return width_ * 4 + 64; }
 
   std::string directory_;
   std::unique_ptr<ChildProcess> daemon_;
