@@ -1,8 +1,6 @@
 // End to end: the real zephlo-keychain writes the host application's items, the
-// real zephlo-broadcast runs against a local service on 127.0.0.1, and the tests
-// read what the program says and what reaches the service. Every case runs
-// against the real zephlo-service and against the test tree's HTTP and WebSocket
-// servers, which can also answer in ways zephlo-service never does.
+// real zephlo-broadcast runs against the real zephlo-service on 127.0.0.1, and the
+// tests read what the program says and what reaches the service.
 #include <gtest/gtest.h>
 #include <turbojpeg.h>
 #include <unistd.h>
@@ -14,7 +12,6 @@
 #include <fstream>
 #include <map>
 #include <memory>
-#include <ostream>
 #include <string>
 #include <tuple>
 
@@ -22,8 +19,6 @@
 #include "zephlo/testing/http_call.hpp"
 #include "zephlo/core/json.hpp"
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/testing/http_test_server.hpp"
-#include "zephlo/testing/web_socket_test_server.hpp"
 
 namespace zephlo {
 namespace {
@@ -31,7 +26,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ChildProcess;
 
-constexpr char kSessionId[] = "E2E-SESSION";
 constexpr auto kLimit = 30s;
 // The service's message carries a line break (escaped in its JSON body); the
 // program's end line holds it on one line.
@@ -43,107 +37,8 @@ struct SessionState {
   bool fullDevice = true;
 };
 
-class LocalService {
- public:
-  virtual ~LocalService() = default;
-  // What the host application stores as "zephlo.api" and "zephlo.session".
-  virtual std::string apiUrl() = 0;
-  virtual std::string sessionId() = 0;
-  // zephlo-service always grants full-device mode when asked.
-  virtual bool canRefuseFullDeviceQuietly() = 0;
-  // How the full-device request and later fetches are answered.
-  virtual void answerWith(const SessionState& state) = 0;
-  virtual void answerWithError(int status, const std::string& message) = 0;
-  virtual void pushSession(const SessionState& state) = 0;  // on the control socket
-  virtual void sendSync() = 0;
-  virtual void dropStreamSocket() = 0;
-  virtual bool controlConnected() = 0;  // and listening for session changes
-  virtual std::size_t frames() = 0;
-  // The JPEG of the newest frame; empty before the first.
-  virtual Bytes lastFrame() = 0;
-  // Whether a frame came on a stream socket opened after dropStreamSocket().
-  virtual bool framesOnNewStreamSocket() = 0;
-  // Runs the main queue (the test servers' sockets, this test's HTTP calls).
-  bool runUntil(const std::function<bool()>& done) { return platform::MainQueue::shared().runUntil(done, kLimit); }
-};
-
-class TestServerService : public LocalService {
- public:
-  TestServerService() : control_(options("control-token")), stream_(options("stream-token")) {}
-
-  std::string apiUrl() override { return http_.url(); }
-  std::string sessionId() override { return kSessionId; }
-  bool canRefuseFullDeviceQuietly() override { return true; }
-  void answerWith(const SessionState& state) override {
-    const auto body = json::serialize(sessionValue(state)).value_or("");
-    http_.route("PUT", path(), testing::HttpTestServer::Response::json(200, body));
-    http_.route("GET", path(), testing::HttpTestServer::Response::json(200, body));
-  }
-  void answerWithError(int status, const std::string& message) override {
-    http_.route("PUT", path(), testing::HttpTestServer::Response::json(status, R"({"message":")" + message + R"("})"));
-  }
-  void pushSession(const SessionState& state) override {
-    answerWith(state);
-    control_.sendMap(ValueMap{{"event", "session"}, {"data", sessionValue(state)}});
-  }
-  void sendSync() override { stream_.sendMap(ValueMap{{"event", "sync"}, {"data", Value(ValueMap{})}}); }
-  void dropStreamSocket() override { stream_.dropConnections(); }
-  bool controlConnected() override {
-    const auto maps = control_.receivedMaps();
-    return control_.openCount() > 0 &&
-           std::any_of(maps.begin(), maps.end(), [](const ValueMap& m) { return m.get("event") == Value("filter"); });
-  }
-  std::size_t frames() override {
-    const auto& r = stream_.received();
-    return static_cast<std::size_t>(std::count_if(r.begin(), r.end(), isFrame));
-  }
-  Bytes lastFrame() override {
-    const auto& r = stream_.received();
-    for (auto m = r.rbegin(); m != r.rend(); ++m) {
-      if (!isFrame(*m)) continue;
-      const Value data = m->value->asMap()->get("data");
-      const Value image = data.isMap() ? data.asMap()->get("image") : Value();
-      if (const auto* bytes = image.asBytes()) return *bytes;
-    }
-    return {};
-  }
-  bool framesOnNewStreamSocket() override {
-    const std::size_t newest = stream_.acceptedCount() - 1;
-    const auto& r = stream_.received();
-    return newest > 0 &&
-           std::any_of(r.begin(), r.end(), [&](const auto& m) { return m.connection == newest && isFrame(m); });
-  }
-
- private:
-  static testing::WebSocketTestServer::Options options(const std::string& token) {
-    testing::WebSocketTestServer::Options o;
-    o.bearerToken = token;
-    o.autoAcknowledge = true;
-    return o;
-  }
-  static std::string path() { return std::string("/api/1/sessions/") + kSessionId; }
-  static bool isFrame(const testing::WebSocketTestServer::Message& m) {
-    return m.value && m.value->asMap() && m.value->asMap()->get("event") == Value("frame");
-  }
-  Value sessionValue(const SessionState& s) {
-    return Value(ValueMap{{"type", "Session"},
-                          {"id", kSessionId},
-                          {"state", Value(s.state)},
-                          {"full_device", s.fullDevice},
-                          {"scale", 0.5},
-                          {"control_url", Value(control_.url(""))},
-                          {"control_token", "control-token"},
-                          {"stream_url", Value(stream_.url(""))},
-                          {"stream_token", "stream-token"}});
-  }
-
-  testing::HttpTestServer http_;
-  testing::WebSocketTestServer control_;
-  testing::WebSocketTestServer stream_;
-};
-
 // zephlo-service on a port of its own, with one session made for the test.
-class ReferenceService : public LocalService {
+class ReferenceService {
  public:
   ReferenceService() : service_(ZEPHLO_SERVICE_PROGRAM, {"--listen", "127.0.0.1:0"}) {
     service_.waitForStdout([&](const std::string& line) {
@@ -159,34 +54,39 @@ class ReferenceService : public LocalService {
     sessionId_ = call("POST", "/api/1/sessions", "{}").get("id").stringValue().value_or("");
   }
 
-  std::string apiUrl() override { return base_; }
-  std::string sessionId() override { return sessionId_; }
-  bool canRefuseFullDeviceQuietly() override { return false; }
-  void answerWith(const SessionState& state) override {
+  // Runs the main queue (this test's HTTP calls) until `done`.
+  bool runUntil(const std::function<bool()>& done) { return platform::MainQueue::shared().runUntil(done, kLimit); }
+  // What the host application stores as "zephlo.api" and "zephlo.session".
+  std::string apiUrl() { return base_; }
+  std::string sessionId() { return sessionId_; }
+  // How the full-device request and later fetches are answered; the service
+  // pushes every change to the session's control sockets itself.
+  void answerWith(const SessionState& state) {
     call("PUT", "/api/1/sessions/" + sessionId_,
          std::string(R"({"state":")") + state.state + R"(","full_device":)" + (state.fullDevice ? "true" : "false") + "}");
   }
-  void answerWithError(int status, const std::string& message) override {
+  void answerWithError(int status, const std::string& message) {
     call("PUT", consolePath() + "/full-device-failure",
          R"({"status":)" + std::to_string(status) + R"(,"message":")" + message + R"("})");
   }
-  // The service pushes every change to the session's control sockets itself.
-  void pushSession(const SessionState& state) override { answerWith(state); }
-  void sendSync() override { call("POST", consolePath() + "/events", R"({"event":"sync","data":{}})"); }
-  void dropStreamSocket() override {
+  void sendSync() { call("POST", consolePath() + "/events", R"({"event":"sync","data":{}})"); }
+  void dropStreamSocket() {
     framesAtDrop_ = frames();
     call("POST", consolePath() + "/drop-stream", "{}");
   }
-  bool controlConnected() override { return count(summary().get("session_listeners")) > 0; }
-  std::size_t frames() override { return framesIn(summary()); }
-  Bytes lastFrame() override {
+  // Whether a control socket listens for session changes.
+  bool controlConnected() { return count(summary().get("session_listeners")) > 0; }
+  std::size_t frames() { return framesIn(summary()); }
+  // The JPEG of the newest frame; empty before the first.
+  Bytes lastFrame() {
     const auto answer = fetch("GET", consolePath() + "/frame", "");
     if (!answer || answer->status != 200) return {};
     return Bytes(answer->body.begin(), answer->body.end());
   }
-  // The dropped socket is closed before the drop is answered, so later frames
-  // came on another one.
-  bool framesOnNewStreamSocket() override {
+  // Whether a frame came on a stream socket opened after dropStreamSocket(): the
+  // dropped socket is closed before the drop is answered, so later frames came on
+  // another one.
+  bool framesOnNewStreamSocket() {
     const ValueMap now = summary();
     return count(now.get("stream_sockets")) > 0 && framesIn(now) > framesAtDrop_;
   }
@@ -227,14 +127,7 @@ class ReferenceService : public LocalService {
   std::size_t framesAtDrop_ = 0;
 };
 
-enum class ServiceKind { Reference, TestServers };
-
-// How a case names its service in test listings (ctest shows it).
-void PrintTo(ServiceKind kind, std::ostream* out) {
-  *out << (kind == ServiceKind::Reference ? "zephlo-service" : "test servers");
-}
-
-class BroadcastEndToEndTest : public ::testing::TestWithParam<ServiceKind> {
+class BroadcastEndToEndTest : public ::testing::Test {
  protected:
   void SetUp() override {
     platform::MainQueue::shared().reset(platform::ClockKind::Real);
@@ -248,8 +141,7 @@ class BroadcastEndToEndTest : public ::testing::TestWithParam<ServiceKind> {
       "CFBundleVersion": "7", "CFBundleShortVersionString": "1.0",
       "keychain-access-groups": ["E2ETEAM001.com.example.e2e.broadcast", "E2ETEAM001.zephlo"]})";
     keychain_ = (dir_ / "keychain.db").string();
-    if (GetParam() == ServiceKind::Reference) service_ = std::make_unique<ReferenceService>();
-    else service_ = std::make_unique<TestServerService>();
+    service_ = std::make_unique<ReferenceService>();
   }
   void TearDown() override {
     broadcast_.reset();
@@ -343,19 +235,18 @@ class BroadcastEndToEndTest : public ::testing::TestWithParam<ServiceKind> {
   std::filesystem::path dir_;
   std::string bundle_;
   std::string keychain_;
-  std::unique_ptr<LocalService> service_;
+  std::unique_ptr<ReferenceService> service_;
   std::unique_ptr<ChildProcess> broadcast_;
   std::vector<std::string> wrapper_;
 };
 
 // Every way the broadcast ends before it streams. Each case adds to the
 // keychain items and the service's answer left by the one before.
-TEST_P(BroadcastEndToEndTest, EndsBeforeStreamingWithTheReason) {
+TEST_F(BroadcastEndToEndTest, EndsBeforeStreamingWithTheReason) {
   const struct Case {
     std::function<void()> prepare;
     std::string message;
     bool logged = true;
-    bool needsQuietRefusal = false;
   } cases[] = {
       {[] {}, "API missing"},
       {[&] { storeApi(); }, "No session available"},
@@ -365,11 +256,9 @@ TEST_P(BroadcastEndToEndTest, EndsBeforeStreamingWithTheReason) {
        },
        kRefusal, false},
       {[&] { service_->answerWith({"pending", true}); }, "Zephlo session wasn't activated yet"},
-      {[&] { service_->answerWith({"active", false}); }, "Full device mode switched off", true, true},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.message);
-    if (c.needsQuietRefusal && !service_->canRefuseFullDeviceQuietly()) continue;
     c.prepare();
     startBroadcast();
     expectEndedWith(c.message, c.logged);
@@ -377,9 +266,9 @@ TEST_P(BroadcastEndToEndTest, EndsBeforeStreamingWithTheReason) {
   EXPECT_EQ(service_->frames(), 0u);
 }
 
-TEST_P(BroadcastEndToEndTest, SessionEndedEndsAndForgetsTheSessionItem) {
+TEST_F(BroadcastEndToEndTest, SessionEndedEndsAndForgetsTheSessionItem) {
   startStreaming();
-  service_->pushSession({"ended", true});
+  service_->answerWith({"ended", true});
   expectEndedWith("Session ended");
   std::string value;
   EXPECT_EQ(keychain({"get", "zephlo.session"}, &value), 1) << value;
@@ -387,7 +276,7 @@ TEST_P(BroadcastEndToEndTest, SessionEndedEndsAndForgetsTheSessionItem) {
   EXPECT_EQ(value, service_->apiUrl());
 }
 
-TEST_P(BroadcastEndToEndTest, FramesFlowPauseAndResumeBySignalAndResumeAfterTheStreamSocketDrops) {
+TEST_F(BroadcastEndToEndTest, FramesFlowPauseAndResumeBySignalAndResumeAfterTheStreamSocketDrops) {
   startStreaming({"--stats"});
   // The test pattern changes once a second, so frames keep coming.
   ASSERT_TRUE(service_->runUntil([&] { return service_->frames() >= 2; })) << stderrText();
@@ -418,7 +307,7 @@ TEST_P(BroadcastEndToEndTest, FramesFlowPauseAndResumeBySignalAndResumeAfterTheS
   }
 }
 
-TEST_P(BroadcastEndToEndTest, ASyncSendsAFrameOfAStillScreen) {
+TEST_F(BroadcastEndToEndTest, ASyncSendsAFrameOfAStillScreen) {
   std::filesystem::create_directories(dir_ / "still");
   writeJpeg(dir_ / "still" / "only.jpg");
   startStreaming({"--source", "images:" + (dir_ / "still").string(), "--stats"});
@@ -438,8 +327,7 @@ TEST_P(BroadcastEndToEndTest, ASyncSendsAFrameOfAStillScreen) {
 
 // "zephlo-broadcast --stats | head -1": the reader goes after one line, and the
 // broadcast goes on without its status lines until it is stopped.
-TEST_P(BroadcastEndToEndTest, StreamsOnWhenStandardOutputIsClosed) {
-  if (GetParam() != ServiceKind::Reference) GTEST_SKIP() << "the standard output does not depend on the service";
+TEST_F(BroadcastEndToEndTest, StreamsOnWhenStandardOutputIsClosed) {
   wrapper_ = {"/bin/bash", "-c", R"(exec "$0" "$@" > >(head -n 1))"};
   startStreaming({"--stats"});
   ASSERT_TRUE(broadcast_->waitForStdout([](const std::string&) { return true; })) << stderrText();
@@ -473,8 +361,7 @@ std::pair<int, int> jpegSize(const Bytes& jpeg) {
 // A headless sway with PipeWire and the ScreenCast portal (scripts/headless-wayland):
 // the picture is the desktop's, and the compositor going away ends the broadcast
 // as a stop from the desktop would. Skipped where the desktop's packages are missing.
-TEST_P(BroadcastEndToEndTest, AWaylandDesktopStreamsThroughItsPortalUntilTheCompositorGoes) {
-  if (GetParam() != ServiceKind::Reference) GTEST_SKIP() << "the desktop's side does not depend on the service";
+TEST_F(BroadcastEndToEndTest, AWaylandDesktopStreamsThroughItsPortalUntilTheCompositorGoes) {
   for (const char* program : {"/usr/bin/sway", "/usr/bin/swaybg", "/usr/bin/pipewire", "/usr/bin/wireplumber",
                               "/usr/libexec/xdg-desktop-portal", "/usr/libexec/xdg-desktop-portal-wlr",
                               "/usr/bin/python3", "/usr/bin/gdbus"}) {
@@ -523,8 +410,7 @@ TEST_P(BroadcastEndToEndTest, AWaylandDesktopStreamsThroughItsPortalUntilTheComp
 // at that size.
 // Xvnc rather than Xvfb: it changes its screen's size through RandR while
 // running, as a desktop does when its monitor changes.
-TEST_P(BroadcastEndToEndTest, AnX11ScreenStreamsAtItsOwnSizeAndFollowsARandRChange) {
-  if (GetParam() != ServiceKind::Reference) GTEST_SKIP() << "the desktop's side does not depend on the service";
+TEST_F(BroadcastEndToEndTest, AnX11ScreenStreamsAtItsOwnSizeAndFollowsARandRChange) {
   for (const char* program : {"/usr/bin/Xvnc", "/usr/bin/xrandr"})
     if (!std::filesystem::exists(program)) GTEST_SKIP() << program << " is not installed";
   ChildProcess server("/usr/bin/Xvnc", {"-displayfd", "1", "-geometry", "640x480", "-depth", "24", "-SecurityTypes",
@@ -542,12 +428,6 @@ TEST_P(BroadcastEndToEndTest, AnX11ScreenStreamsAtItsOwnSizeAndFollowsARandRChan
   broadcast_->signal(SIGTERM);
   EXPECT_EQ(exitStatus(), 0) << stderrText();
 }
-
-INSTANTIATE_TEST_SUITE_P(Services, BroadcastEndToEndTest,
-                         ::testing::Values(ServiceKind::Reference, ServiceKind::TestServers),
-                         [](const ::testing::TestParamInfo<ServiceKind>& info) {
-                           return info.param == ServiceKind::Reference ? "ReferenceService" : "TestServers";
-                         });
 
 }  // namespace
 }  // namespace zephlo
