@@ -200,11 +200,21 @@ TEST_F(ServiceServerTest, AnswersTheSessionResourceWithStatusesAndMessages) {
   EXPECT_EQ(text(bodyOf(putSession(id_, R"({"state":"active"})"), 409), "message"), "Session has ended");
 }
 
-TEST_F(ServiceServerTest, StoresAndDeletesDevices) {
-  const std::string device = R"({"push_token":"0aff","push_provider":"APNS","device":{"model":"x"},"custom_data":{}})";
-  EXPECT_EQ(text(bodyOf(fetch("PUT", "/api/1/devices/DEV-1", device), 200), "id"), "DEV-1");
+// The path names the device; a later PUT merges into it.
+TEST_F(ServiceServerTest, StoresMergesAndDeletesDevices) {
+  const ValueMap stored =
+      bodyOf(fetch("PUT", "/api/1/devices/DEV-1", R"({"push_token":"0aff","custom_data":{"a":1},"id":"x"})"), 200);
+  EXPECT_EQ(text(stored, "id"), "DEV-1");
+  EXPECT_EQ(text(stored, "type"), "Device");
+  EXPECT_EQ(stored.get(wire::kNextRegistration).toDouble(), 3600.0);
+  EXPECT_FALSE(stored.contains(wire::kNotificationUrl));
+  EXPECT_EQ(text(bodyOf(fetch("PUT", "/api/1/devices/DEV-1", R"({"push_provider":"APNS"})"), 200), "push_token"), "0aff");
   EXPECT_EQ(text(bodyOf(fetch("GET", "/api/1/devices/DEV-1"), 200), "push_provider"), "APNS");
-  EXPECT_EQ(text(bodyOf(fetch("DELETE", "/api/1/devices/DEV-1"), 200), "id"), "DEV-1");
+  EXPECT_EQ(text(bodyOf(fetch("PUT", "/api/1/devices/DEV-2", "[1]"), 400), "message"), "Expected a JSON object");
+  EXPECT_EQ(fetch("GET", "/api/1/devices/DEV-2").status, 404);
+  const ValueMap removed = bodyOf(fetch("DELETE", "/api/1/devices/DEV-1"), 200);
+  EXPECT_EQ(text(removed, "id"), "DEV-1");
+  EXPECT_EQ(text(removed, "push_provider"), "APNS");
   EXPECT_EQ(text(bodyOf(fetch("DELETE", "/api/1/devices/DEV-1"), 404), "message"), "Device not found");
   EXPECT_EQ(fetch("POST", "/api/1/devices/DEV-1", "{}").status, 405);
 }

@@ -7,7 +7,6 @@
 
 #include "zephlo/core/json.hpp"
 #include "zephlo/platform/main_queue.hpp"
-#include "zephlo/base/wire_names.hpp"
 
 namespace zephlo::service {
 namespace {
@@ -119,30 +118,6 @@ TEST_F(SessionStoreTest, AnInjectedFullDeviceFailureAnswersTheNextFullDeviceChan
   EXPECT_EQ(s.resource.get("full_device"), Value(false));
   EXPECT_EQ(statusOf(s, R"({"full_device":true})"), 0);
   EXPECT_EQ(s.resource.get("full_device"), Value(true));
-}
-
-TEST_F(SessionStoreTest, StoresMergesAndDeletesDevices) {
-  ServiceError error;
-  auto device = store_.putDevice("D1", parse(R"({"push_token":"0aff","custom_data":{"a":1},"id":"x"})"), &error);
-  ASSERT_TRUE(device);
-  EXPECT_EQ(device->get("id"), Value("D1"));
-  EXPECT_EQ(device->get("type"), Value("Device"));
-  EXPECT_EQ(device->get("push_token"), Value("0aff"));
-  EXPECT_EQ(device->get(wire::kNextRegistration), Value(std::uint64_t{3600}));
-  EXPECT_FALSE(device->contains(wire::kNotificationUrl));
-
-  device = store_.putDevice("D1", parse(R"({"push_provider":"APNS"})"), &error);
-  ASSERT_TRUE(device);
-  EXPECT_EQ(device->get("push_token"), Value("0aff"));
-  EXPECT_EQ(device->get("push_provider"), Value("APNS"));
-
-  EXPECT_FALSE(store_.putDevice("D2", parse("[1]"), &error));
-  EXPECT_EQ(error.status, 400);
-  EXPECT_EQ(store_.device("D2"), nullptr);
-
-  const auto removed = store_.deleteDevice("D1");
-  ASSERT_TRUE(removed);
-  EXPECT_EQ(removed->get("push_provider"), Value("APNS"));
 }
 
 }  // namespace
