@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -215,37 +214,6 @@ TEST_F(KeychainStoreTest, SharedStoreIsTheHostsOrTheOneAtTheDefaultPath) {
   EXPECT_EQ(fromEnvironment->path(), (dir_ / "env" / "keychain.db").string());
   EXPECT_TRUE(fromEnvironment->isOpen());
   KeychainStore::setShared(nullptr);
-}
-
-// The reader waits out each of the writer's transactions instead of failing.
-TEST_F(KeychainStoreTest, ReadsWhileAnotherProcessWrites) {
-  ASSERT_EQ(store_->add(item("stable", {}, "v")), kKeychainSuccess);
-  constexpr int kWrites = 150;
-  const pid_t child = ::fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    auto writer = KeychainStore::open(path());
-    bool ok = true;
-    for (int i = 0; i < kWrites && ok; ++i) {
-      const auto key = "item" + std::to_string(i);
-      ok = writer->add(item(key, {}, key)) == kKeychainSuccess && writer->deleteItems(item("stable")) == kKeychainSuccess &&
-           writer->add(item("stable", {}, "v")) == kKeychainSuccess;
-    }
-    ::_exit(ok ? 0 : 1);
-  }
-  std::vector<KeychainStatus> readFailures;
-  int status = 0;
-  while (::waitpid(child, &status, WNOHANG) == 0) {
-    const KeychainStatus read = store_->copyMatching(item("stable"), nullptr);
-    if (read != kKeychainSuccess && read != kKeychainItemNotFound) readFailures.push_back(read);
-  }
-  ASSERT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_EQ(readFailures, std::vector<KeychainStatus>{});
-  for (int i = 0; i < kWrites; ++i) {
-    const auto key = "item" + std::to_string(i);
-    EXPECT_EQ(valueOf(*store_, item(key)), key);
-  }
 }
 
 }  // namespace
