@@ -124,14 +124,6 @@ TEST_F(StreamProtocolTest, PushedSessionsUpdateTheSessionAndCanEndIt) {
   EXPECT_FALSE(protocol_->stream());
 }
 
-TEST_F(StreamProtocolTest, ProbeIsAnsweredWithTheSameData) {
-  openBoth();
-  const Value data = ValueMap{{"list", ValueArray{1, "two", 3.5}}, {"nothing", nullptr}, {"bytes", Bytes{1, 2}}};
-  push(*streamServer_, "probe", data);
-  ASSERT_TRUE(waitForEvents(*streamServer_, "alive", 1));
-  EXPECT_EQ(receivedEvents(*streamServer_, "alive")[0].get("data"), roundTrip(data));
-}
-
 TEST_F(StreamProtocolTest, AgentEventsReachEveryObserverParsedForEach) {
   auto first = std::make_shared<RecordingProtocolObserver>();
   auto second = std::make_shared<RecordingProtocolObserver>();
