@@ -69,12 +69,6 @@ TEST_F(ReplayKitFrameSourceTest, PhoneSampleRendersAtScreenPointsTimesScale) {
     ASSERT_NE(again, nullptr);
     EXPECT_EQ(*again->bytes(), *frame->bytes());
   }
-  // At scale 1 the frame has the screen's size in points.
-  platform::Screen::setMain({100, 200, 3});
-  feed(picture(300, 600));
-  auto frame = source.newFrame(1.0);
-  ASSERT_NE(frame, nullptr);
-  EXPECT_EQ((std::pair{frame->width(), frame->height()}), (std::pair{100, 200}));
 }
 
 TEST_F(ReplayKitFrameSourceTest, SidewaysOrientationsAreSwapped) {
