@@ -140,7 +140,6 @@ TEST_F(ZephloReplayKitExtensionTest, MissingApiEndsBeforeASessionOrStreamExists)
 TEST_F(ZephloReplayKitExtensionTest, MissingSessionConfiguresTheServiceLayerThenEnds) {
   store(http_.url(), kZPHApiKey);
   create();
-  EXPECT_EQ(ZPHRESTResource::baseUrl(), http_.url());
   auto headers = ZPHRequest::headers();
   EXPECT_EQ(headers["X-ZephloPlatform"], "ios");
   EXPECT_EQ(headers["X-ZephloSDKVersion"], kZephloVersionString);
