@@ -26,7 +26,10 @@ struct Events {
 
 class WebSocketClientTest : public testing::MainQueueTest {
  protected:
-  std::unique_ptr<WebSocketClient> open(URLRequest request) {
+  std::unique_ptr<WebSocketClient> open(const std::string& url, std::chrono::milliseconds timeout = URLRequest().timeout) {
+    URLRequest request;
+    request.url = url;
+    request.timeout = timeout;
     auto client = std::make_unique<WebSocketClient>(std::move(request));
     client->setCallbacks({
         .onConnect = [this] { ++events_.connects; },
@@ -40,11 +43,6 @@ class WebSocketClientTest : public testing::MainQueueTest {
     });
     client->connect();
     return client;
-  }
-  std::unique_ptr<WebSocketClient> open(const std::string& url) {
-    URLRequest request;
-    request.url = url;
-    return open(std::move(request));
   }
 
   Events events_;
@@ -122,10 +120,7 @@ TEST_F(WebSocketClientTest, CloseCodesDecideWhetherTheEndIsAnError) {
 
 TEST_F(WebSocketClientTest, TimeoutBoundsTheHandshakeOnTheQueuesClock) {
   WebSocketTestServer silent(WebSocketTestServer::Options::silent());
-  URLRequest request;
-  request.url = silent.url("/");
-  request.timeout = 10s;
-  auto client = open(request);
+  auto client = open(silent.url("/"), 10s);
   ASSERT_TRUE(until([&] { return silent.upgrades().size() == 1; }));
   advance(9999ms);
   drain();
