@@ -171,7 +171,7 @@ TEST_F(StreamProtocolTest, AgentEventsReachEveryObserverParsedForEach) {
   EXPECT_EQ(second->syncs.size(), 1u);
 }
 
-TEST_F(StreamProtocolTest, CloseLeavesNoSocketsAndNoObservers) {
+TEST_F(StreamProtocolTest, CloseOrDroppingTheProtocolLeavesNoSocketsAndCloseNoObservers) {
   auto observer = std::make_shared<RecordingProtocolObserver>();
   protocol_->registerStreamProtocolObserver(observer);
   openBoth();
@@ -193,15 +193,13 @@ TEST_F(StreamProtocolTest, CloseLeavesNoSocketsAndNoObservers) {
   push(*streamServer_, "probe");
   ASSERT_TRUE(waitForEvents(*streamServer_, "alive", 1));
   EXPECT_TRUE(observer->syncs.empty());
-}
 
-TEST_F(StreamProtocolTest, DroppingTheProtocolDisconnectsItsSockets) {
-  openBoth();
-  // Without the session's strong reference, the protocol's owner is the last.
+  // Dropping the protocol disconnects its sockets too: without the session's
+  // strong reference, the protocol's owner is the last.
   session_->removeSessionObserver(protocol_);
   protocol_.reset();
   ASSERT_TRUE(waitForBothClosed());
-  EXPECT_EQ(streamServer_->closeCodes(), std::vector<std::uint16_t>{1000});
+  EXPECT_EQ(streamServer_->closeCodes(), (std::vector<std::uint16_t>{1000, 1000}));
 }
 
 TEST(ZPHStreamProtocolDateTest, ISODateStringUsesTheLocalOffset) {
