@@ -46,8 +46,8 @@ double meanAbsoluteDifference(const Bitmap& a, const Bitmap& b, int plane) {
   return total / (a.planeWidth(plane) * a.planeHeight(plane));
 }
 
-// An empty expected extent: the scale leaves no pixel (0.009 of 100x80) or goes
-// beyond the largest bitmap (1e6), and nothing renders.
+// An empty expected extent: the scale leaves no pixel (0.009 of 100x80), goes
+// beyond the largest bitmap (1e6) or is no size at all, and nothing renders.
 TEST(ImageRendererTest, RendersTheScaledExtent) {
   struct Case {
     int width, height;
@@ -57,6 +57,8 @@ TEST(ImageRendererTest, RendersTheScaledExtent) {
       {100, 80, 0.009, {}},
       {100, 80, 1e6, {}},
       {100, 80, -std::numeric_limits<double>::infinity(), {}},
+      {100, 80, std::numeric_limits<double>::quiet_NaN(), {}},
+      {100, 80, 0.0, {}},
       {1170, 2532, 1.0 / 3, {390, 844}},  // a 3x screen at its point size, after the refusals
       {100, 50, 2.0, {200, 100}},          // enlarged
       {7, 5, 0.5, {4, 3}},                 // halves round up
