@@ -26,7 +26,6 @@ TEST_F(MainQueueTest, AdvanceRunsDueItemsInDeadlineOrderAtTheirOwnTime) {
   EXPECT_EQ(ran[0], std::make_pair(1, Duration(10ms)));
   EXPECT_EQ(ran[1], std::make_pair(2, Duration(10ms)));
   EXPECT_EQ(ran[2], std::make_pair(3, Duration(30ms)));
-  EXPECT_EQ(now(), 34ms);
 }
 
 TEST_F(MainQueueTest, CancelledItemsNeverRunAndReleaseWhatTheyHoldButCancellingARunningOneDoesNothing) {
