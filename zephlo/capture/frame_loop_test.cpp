@@ -23,9 +23,8 @@ class FakeSource : public ZPHFrameSource {
  public:
   void capturingWillStart() override { ++willStart; }
   void capturingWillStop() override { ++willStop; }
-  std::unique_ptr<platform::Bitmap> newFrame(double scale) override {
+  std::unique_ptr<platform::Bitmap> newFrame(double) override {
     renders.push_back(platform::MainQueue::shared().now());
-    scales.push_back(scale);
     if (make) return make();
     auto bitmap = platform::Bitmap::create(4, 4);
     std::fill_n(bitmap->mutablePlane(0), 16, changing ? static_cast<std::uint8_t>(renders.size()) : 7);
@@ -35,7 +34,6 @@ class FakeSource : public ZPHFrameSource {
 
   int willStart = 0, willStop = 0;
   Times renders;
-  std::vector<double> scales;
   bool alwaysNew = true;  // a new sample before every tick, else none
   bool changing = true;
   std::function<std::unique_ptr<platform::Bitmap>()> make;
@@ -95,7 +93,6 @@ TEST_F(FrameLoopTest, SlowSendDelaysNextCaptureBy25ms) {
   // at 125 ms captures and, chosen before its capture, schedules the next at 200.
   EXPECT_EQ(source->renders, (Times{0ms, 125ms, 200ms, 275ms}));
   EXPECT_EQ(delegate->sentAt, (Times{0ms, 125ms, 200ms, 275ms}));
-  EXPECT_EQ(source->scales, std::vector<double>(4, 0.5));
 }
 
 TEST_F(FrameLoopTest, RestartDuringASendTicksFastUntilTheCallbackAndTheFrameOutlivesTheLoop) {
