@@ -119,7 +119,6 @@ TEST_F(KeychainStoreTest, StatusCodes) {
     KeychainQuery query;
     KeychainStatus expected;
   } cases[] = {
-      {"copy of a missing item", CopyMatching, item("absent"), kKeychainItemNotFound},
       {"add to a foreign group", Add, item("n", "OTHER.zephlo", "v"), kKeychainMissingEntitlement},
       {"copy without a class", CopyMatching, classless, kKeychainParam},
       {"copy of a synchronised item only", CopyMatching, synced, kKeychainItemNotFound},
