@@ -66,7 +66,6 @@ TEST_F(ImageFolderSourceTest, ShowsTheJpegsInNameOrderOneASecondThenStartsAgain)
   write("broken.jpg", {0xFF, 0xD8, 0x00, 0x01});  // does not decode: shows black
   auto source = ImageFolderSource::open(dir_.string(), PixelFormat::BGRA, 32, 32, 1, 30, &error);
   ASSERT_TRUE(source) << error;
-  ASSERT_EQ(source->files().size(), 4u);
 
   const Rgb expected[] = {{200, 0, 0}, {0, 200, 0}, {0, 0, 0}, {0, 0, 200}, {200, 0, 0}};
   for (int second = 0; second < 5; ++second) {
