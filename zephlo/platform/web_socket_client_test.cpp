@@ -54,7 +54,6 @@ TEST_F(WebSocketClientTest, AnOpenConnectionCarriesTheRequestAndMessagesBothWays
   WebSocketTestServer server;
   auto client = open(server.url("/sockets/1/ws?v=2#fragment"));
   ASSERT_TRUE(until([&] { return events_.connects == 1; }));
-  EXPECT_TRUE(client->isConnected());
   ASSERT_EQ(server.upgrades().size(), 1u);
   const auto& upgrade = server.upgrades()[0];
   EXPECT_EQ(upgrade.target, "/sockets/1/ws?v=2");
