@@ -209,6 +209,7 @@ TEST(CborCodecTest, KeysThatCannotBeMapKeysAreReportedAsFatal) {
   EXPECT_FALSE(broken.fatalMessage);
 }
 
+// Kinds only this side makes; the others re-encode among the vectors above.
 TEST(CborCodecTest, EncodesEachNativeKind) {
   const struct {
     const char* what;
@@ -219,11 +220,6 @@ TEST(CborCodecTest, EncodesEachNativeKind) {
       {"negative int64", Value(std::int64_t{-5}), "24"},
       {"smallest int64", Value(std::numeric_limits<std::int64_t>::min()), "3b7fffffffffffffff"},
       {"positive int64", Value(std::int64_t{500}), "1901f4"},
-      {"float as single", Value(1.5f), "fa3fc00000"},
-      {"double", Value(1.5), "fb3ff8000000000000"},
-      {"simple value", Value(SimpleValue{32}), "f820"},
-      {"map with non-text keys", Value(ValueMap{{1u, Value()}}), "a101f6"},
-      {"unconverted item", item(CborItem::Kind::Tag, 1, "c11a514b67b0"), "c11a514b67b0"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
