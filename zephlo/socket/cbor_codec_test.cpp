@@ -29,8 +29,8 @@ ValueArray oneTo(int n) {
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr double kInfD = std::numeric_limits<double>::infinity();
 
-// RFC 8949 Appendix A, as the receive path converts each item. `reencodes`: the
-// native value encodes back to the same bytes.
+// RFC 8949 Appendix A, a vector for each way the receive path converts an item and
+// each header size. `reencodes`: the native value encodes back to the same bytes.
 TEST(CborCodecTest, DecodesTheRfcAppendixAVectorsAsNativeValues) {
   const Value nested = ValueArray{1u, ValueArray{2u, 3u}, ValueArray{4u, 5u}};
   const struct {
@@ -38,47 +38,33 @@ TEST(CborCodecTest, DecodesTheRfcAppendixAVectorsAsNativeValues) {
     Value expected;
     bool reencodes;
   } vectors[] = {
-      {"00", Value(0u), true}, {"01", Value(1u), true}, {"0a", Value(10u), true}, {"17", Value(23u), true},
-      {"1818", Value(24u), true}, {"1819", Value(25u), true}, {"1864", Value(100u), true},
-      {"1903e8", Value(1000u), true}, {"1a000f4240", Value(1000000u), true},
-      {"1b000000e8d4a51000", Value(1000000000000ull), true},
+      {"00", Value(0u), true}, {"17", Value(23u), true}, {"1818", Value(24u), true}, {"1903e8", Value(1000u), true},
+      {"1a000f4240", Value(1000000u), true}, {"1b000000e8d4a51000", Value(1000000000000ull), true},
       {"1bffffffffffffffff", Value(18446744073709551615ull), true},
       // Negative integers arrive as their raw payload n of -1-n.
       {"3bffffffffffffffff", Value(18446744073709551615ull), false}, {"20", Value(0u), false},
-      {"29", Value(9u), false}, {"3863", Value(99u), false}, {"3903e7", Value(999u), false},
-      // Half and single floats become 32-bit floats, doubles stay doubles.
-      {"f90000", Value(0.0f), false}, {"f98000", Value(-0.0f), false}, {"f93c00", Value(1.0f), false},
-      {"fb3ff199999999999a", Value(1.1), true}, {"f93e00", Value(1.5f), false},
-      {"f97bff", Value(65504.0f), false}, {"fa47c35000", Value(100000.0f), true},
-      {"fa7f7fffff", Value(3.4028234663852886e+38f), true}, {"fb7e37e43c8800759c", Value(1.0e+300), true},
-      {"f90001", Value(5.960464477539063e-8f), false}, {"f90400", Value(0.00006103515625f), false},
-      {"f9c400", Value(-4.0f), false}, {"fbc010666666666666", Value(-4.1), true},
-      {"f97c00", Value(kInf), false}, {"f9fc00", Value(-kInf), false},
-      {"fa7f800000", Value(kInf), true}, {"faff800000", Value(-kInf), true},
-      {"fb7ff0000000000000", Value(kInfD), true}, {"fbfff0000000000000", Value(-kInfD), true},
+      {"3863", Value(99u), false}, {"3903e7", Value(999u), false},
+      // Half and single floats become 32-bit floats, doubles stay doubles (libcbor
+      // reads the half floats; the NaNs and signed zero follow).
+      {"f93e00", Value(1.5f), false}, {"fa47c35000", Value(100000.0f), true},
+      {"fa7f7fffff", Value(3.4028234663852886e+38f), true}, {"fa7f800000", Value(kInf), true},
+      {"fb3ff199999999999a", Value(1.1), true}, {"fb7ff0000000000000", Value(kInfD), true},
       {"f4", Value(false), true}, {"f5", Value(true), true},
       {"f0", Value(SimpleValue{16}), true}, {"f8ff", Value(SimpleValue{255}), true},
       {"40", Value(Bytes{}), true}, {"4401020304", Value(Bytes{1, 2, 3, 4}), true},
-      {"60", Value(""), true}, {"6161", Value("a"), true}, {"6449455446", Value("IETF"), true},
-      {"62225c", Value("\"\\"), true}, {"62c3bc", Value("\u00fc"), true},
-      {"63e6b0b4", Value("\u6c34"), true}, {"64f0908591", Value("\U00010151"), true},
+      {"60", Value(""), true}, {"6449455446", Value("IETF"), true}, {"64f0908591", Value("\U00010151"), true},
       {"80", Value(ValueArray{}), true}, {"83010203", Value(oneTo(3)), true},
       {"8301820203820405", nested, true},
       {"98190102030405060708090a0b0c0d0e0f101112131415161718181819", Value(oneTo(25)), true},
       {"a0", Value(ValueMap{}), true}, {"a201020304", Value(ValueMap{{1u, 2u}, {3u, 4u}}), true},
       {"a26161016162820203", Value(ValueMap{{"a", 1u}, {"b", ValueArray{2u, 3u}}}), true},
       {"826161a161626163", Value(ValueArray{"a", ValueMap{{"b", "c"}}}), true},
-      {"a56161614161626142616361436164614461656145",
-       Value(ValueMap{{"a", "A"}, {"b", "B"}, {"c", "C"}, {"d", "D"}, {"e", "E"}}), true},
       // Indefinite lengths decode to the definite value.
       {"5f42010243030405ff", Value(Bytes{1, 2, 3, 4, 5}), false},
       {"7f657374726561646d696e67ff", Value("streaming"), false}, {"9fff", Value(ValueArray{}), false},
-      {"9f018202039f0405ffff", nested, false}, {"9f01820203820405ff", nested, false},
-      {"83018202039f0405ff", nested, false}, {"83019f0203ff820405", nested, false},
-      {"9f0102030405060708090a0b0c0d0e0f101112131415161718181819ff", Value(oneTo(25)), false},
+      {"9f018202039f0405ffff", nested, false}, {"83019f0203ff820405", nested, false},
       {"bf61610161629f0203ffff", Value(ValueMap{{"a", 1u}, {"b", ValueArray{2u, 3u}}}), false},
       {"826161bf61626163ff", Value(ValueArray{"a", ValueMap{{"b", "c"}}}), false},
-      {"bf6346756ef563416d7421ff", Value(ValueMap{{"Fun", true}, {"Amt", 1u}}), false},
   };
   for (const auto& v : vectors) {
     SCOPED_TRACE(v.hex);
@@ -96,10 +82,8 @@ TEST(CborCodecTest, DecodesTheRfcAppendixAVectorsAsNativeValues) {
     K kind;
     std::uint64_t tag;
   } items[] = {
-      {"c249010000000000000000", K::Tag, 2}, {"c349010000000000000000", K::Tag, 3}, {"f6", K::Null, 0},
-      {"f7", K::Undefined, 0}, {"c074323031332d30332d32315432303a30343a30305a", K::Tag, 0},
-      {"c11a514b67b0", K::Tag, 1}, {"c1fb41d452d9ec200000", K::Tag, 1}, {"d74401020304", K::Tag, 23},
-      {"d818456449455446", K::Tag, 24}, {"d82076687474703a2f2f7777772e6578616d706c652e636f6d", K::Tag, 32},
+      {"c249010000000000000000", K::Tag, 2}, {"f6", K::Null, 0}, {"f7", K::Undefined, 0},
+      {"c11a514b67b0", K::Tag, 1}, {"d818456449455446", K::Tag, 24},
   };
   for (const auto& i : items) {
     SCOPED_TRACE(i.hex);
