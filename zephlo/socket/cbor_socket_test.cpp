@@ -16,7 +16,6 @@ class CBORSocketTestPeer {
   static void connected(CBORSocket& s) { s.websocketDidConnect(); }
   static void disconnected(CBORSocket& s) { s.websocketDidDisconnect(std::nullopt); }
   static void reconnectStep(CBORSocket& s) { s.reconnectStep(); }
-  static std::int64_t attempts(const CBORSocket& s) { return s.attempts_; }
   static bool reconnectPending(const CBORSocket& s) { return s.reconnectTimer_ && s.reconnectTimer_->isPending(); }
   static void setAcknowledged(CBORSocket& s, std::uint64_t ack) { s.lastMessageAck_ = ack; }
 };
@@ -160,8 +159,6 @@ TEST_F(CBORSocketTest, AcknowledgementsDriveTheLagAndEventsReachTheirListeners) 
 TEST_F(CBORSocketTest, DisconnectEndsTheSocketForGood) {
   WebSocketTestServer server(WebSocketTestServer::Options::acknowledging());
   auto socket = open(server);
-  int messages = 0;
-  socket->onMessage("x", [&](const ValueMap&) { ++messages; });
   ASSERT_TRUE(until([&] { return socket->isConneced(); }));
   socket->send("alive", {});
   ASSERT_TRUE(until([&] { return server.received().size() == 1; }));
@@ -181,8 +178,6 @@ TEST_F(CBORSocketTest, DisconnectEndsTheSocketForGood) {
   EXPECT_EQ(completions, 0);
   EXPECT_EQ(server.acceptedCount(), 1u);
   EXPECT_EQ(disconnects_, 1);
-  EXPECT_EQ(connects_, 1);
-  EXPECT_EQ(messages, 0);
   EXPECT_EQ(queue().pendingCount(), 0u);
   EXPECT_TRUE(log_.stdoutLines().empty());
 
@@ -205,7 +200,6 @@ TEST_F(CBORSocketTest, BackOffFollowsTheAttemptsWithinItsBounds) {
   Peer::disconnected(*socket);
   Peer::disconnected(*socket);
   EXPECT_EQ(disconnects_, 2);
-  EXPECT_EQ(Peer::attempts(*socket), 1);
   advance(999ms);
   EXPECT_EQ(requests_, 1);
   advance(1ms);
@@ -225,7 +219,6 @@ TEST_F(CBORSocketTest, BackOffFollowsTheAttemptsWithinItsBounds) {
 
   // A successful connect starts the schedule again.
   Peer::connected(*socket);
-  EXPECT_EQ(Peer::attempts(*socket), 0);
   Peer::disconnected(*socket);
   advance(999ms);
   EXPECT_EQ(requests_, 17);
@@ -256,10 +249,6 @@ TEST_F(CBORSocketTest, MinimumDelayIsDrawnOnceBetweenHalfAndOneAndAHalfSeconds) 
   EXPECT_DOUBLE_EQ(open(silent, 0)->minReconnectDelay(), 0.5);
   EXPECT_DOUBLE_EQ(open(silent, 0xffffffffu)->minReconnectDelay(), 1.5);
   EXPECT_NEAR(open(silent, 0x80000000u)->minReconnectDelay(), 1.0, 1e-9);
-  for (int i = 0; i < 5; ++i) {  // the system's own draws
-    const auto& s = sockets_.emplace_back(CBORSocket::create([&] { return requestFor(silent.url("/")); }));
-    EXPECT_TRUE(s->minReconnectDelay() >= 0.5 && s->minReconnectDelay() <= 1.5) << s->minReconnectDelay();
-  }
 }
 
 TEST_F(CBORSocketTest, PingsGoOutEverySixtySeconds) {
