@@ -52,11 +52,12 @@ TEST(ZPHDrawingTest, ImageAndMimeTypeAreOptionalTypeAndIdAreNot) {
   EXPECT_EQ(full->mime_type(), "image/jpeg");
   EXPECT_EQ(full->id(), "7");
 
-  // Absent, an image that is not bytes, and a null from the wire all read as no
-  // entry; a mime type of another kind reads as text.
+  // Absent, an image that is not bytes, and a null (made here or decoded from
+  // the wire) all read as no entry; a mime type of another kind reads as text.
   const Value wireNull(CborItem(CborItem::Kind::Null, 0, Bytes{0xf6}));
   const std::pair<ValueMap, std::optional<std::string>> cases[] = {{drawing({}), std::nullopt},
-      {drawing({{"image", "not bytes"}, {"mime_type", 3}}), "3"}, {drawing({{"mime_type", wireNull}}), std::nullopt}};
+      {drawing({{"image", "not bytes"}, {"mime_type", 3}}), "3"}, {drawing({{"mime_type", Value()}}), std::nullopt},
+      {drawing({{"mime_type", wireNull}}), std::nullopt}};
   for (const auto& [data, mimeType] : cases) {
     auto parsed = ZPHDrawing::from(data);
     ASSERT_NE(parsed, nullptr);
