@@ -96,7 +96,6 @@ TEST_F(ZPHDeviceInfoTest, DescribesTheDeviceAndTheBundleInOrder) {
                           {"broadcast_extension_id", "com.example.zephlo.broadcast"}};
   EXPECT_EQ(info, expected);
   EXPECT_TRUE(cet == Value("CET") || cet == Value("CEST")) << cet.debugString();
-  EXPECT_EQ(ZPHDeviceInfo::broadcastExtension(), "com.example.zephlo.broadcast");
 }
 
 // Under a host's bundle, which leaves out the extension's entry.
@@ -149,7 +148,6 @@ TEST_F(ZPHDeviceInfoTest, LocationEntriesOnlyWhenAuthorisedEnabledAndKnownAndAbs
   for (const char* key : {"app_name", "app_version", "device_locale"}) EXPECT_TRUE(info.get(key).isNull()) << key;
   EXPECT_EQ(info.get("app_id"), Value("com.example.host"));
   EXPECT_EQ(info.get("app_build"), Value("9"));
-  EXPECT_FALSE(ZPHDeviceInfo::broadcastExtension());
 }
 
 }  // namespace
