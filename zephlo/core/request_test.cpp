@@ -111,9 +111,7 @@ TEST_F(ZPHRequestTest, OutcomesReachTheMainQueueInTheirOrder) {
     Value body;
   } cases[] = {  // objects, a 204 and a message of its own show in the resource tests
       {"201 with an array", Response::json(201, "[1,2]"), std::nullopt, ValueArray{1, 2}},
-      {"200 empty", Response::json(200, ""), decodeError, Value()},
-      {"200 not JSON", Response::json(200, "hello"), decodeError, Value()},
-      {"200 top-level string", Response::json(200, "\"s\""), decodeError, Value()},
+      {"200 empty", Response::json(200, ""), decodeError, Value()},  // what else fails to parse: the JSON tests
       {"500 without message", Response::json(500, R"({"error":"boom"})"), ZPHError("Request failed", 500),
        ValueMap{{"error", "boom"}}},
       {"422 with a non-text message", Response::json(422, R"({"message":5})"), ZPHError("Request failed", 422),
