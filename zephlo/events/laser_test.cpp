@@ -18,7 +18,6 @@ Value laser(std::initializer_list<ValueMap::Entry> changes, const char* dropped 
 TEST(ZPHLaserTest, ParsesIdStateAndNumericPosition) {
   const std::tuple<const char*, Value, std::optional<Point>, const char*> cases[] = {  // no position: rejected
       {"full", laser({{"state", "touchstart"}, {"x", 12.5}, {"y", 3}}), Point{12.5, 3}, "touchstart"},
-      {"x as text falls back to the origin", laser({{"x", "12"}, {"y", 3}}), Point{0, 0}, "touchmove"},
       {"y missing", laser({{"state", "touchend"}, {"x", 12}}), Point{0, 0}, "touchend"},
       {"no position", laser({{"state", "hover"}}), Point{0, 0}, "hover"},
       {"state missing", laser({{"x", 1}, {"y", 1}}, "state"), std::nullopt, ""},
