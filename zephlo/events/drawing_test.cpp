@@ -29,6 +29,7 @@ TEST(ZPHDrawingTest, BoundsComeWholeOrNotAtAll) {
       {"height missing", drawing({{"x", 10}, {"y", 20}, {"width", 300}}), unit},
       {"x missing", drawing({{"y", 20}, {"width", 300}, {"height", 400}}), unit},
       {"width as text", drawing({{"x", 10}, {"y", 20}, {"width", "300"}, {"height", 400}}), unit},
+      {"y as boolean", drawing({{"x", 10}, {"y", true}, {"width", 300}, {"height", 400}}), unit},
       {"every number kind", drawing({{"x", -3}, {"y", 4u}, {"width", 2.5f}, {"height", 0.25}}), {{-3, 4}, {2.5, 0.25}}},
       // Coordinates travel as 32-bit floats.
       {"narrowed to float", drawing({{"x", 0.1}, {"y", 16777217}, {"width", 1e39}, {"height", -1e300}}),
