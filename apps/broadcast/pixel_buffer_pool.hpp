@@ -22,9 +22,10 @@ namespace zephlo {
 class PixelBufferPool {
  public:
   // At most `limit` buffers are made; a producer that can wait for one to come
-  // back sets it.
+  // back sets it. Their memory comes from `allocate` where one is given.
   PixelBufferPool(platform::PixelFormat format, int width, int height,
-                  std::size_t limit = std::numeric_limits<std::size_t>::max());
+                  std::size_t limit = std::numeric_limits<std::size_t>::max(),
+                  platform::PixelBuffer::Allocator allocate = nullptr);
   PixelBufferPool(const PixelBufferPool&) = delete;
   PixelBufferPool& operator=(const PixelBufferPool&) = delete;
 
@@ -44,6 +45,7 @@ class PixelBufferPool {
   int width_;
   int height_;
   std::size_t limit_;
+  platform::PixelBuffer::Allocator allocate_;
   std::vector<std::shared_ptr<platform::PixelBuffer>> buffers_;
 };
 

@@ -74,18 +74,18 @@ bool hasExtension(xcb_connection_t* connection, xcb_extension_t* extension) {
   return data && data->present;
 }
 
-// Copies `rect`'s rows from `from` (`fromStride` bytes apart) to the same place
-// in `to` (a screen with rows `toStride` bytes apart). The fourth byte stays as
-// the server left it (undefined at depth 24): nothing downstream reads it.
-template <typename Rect>
-void copyRect(const std::uint8_t* from, std::size_t fromStride, const Rect& rect, std::uint8_t* to,
+// Where pixel (x, y) of a BGRA picture is, from the start of its plane.
+std::ptrdiff_t offsetOf(const platform::PixelBuffer& picture, int x, int y) {
+  return static_cast<std::ptrdiff_t>(y) * picture.stride(0) + static_cast<std::ptrdiff_t>(x) * 4;
+}
+
+// Copies a rectangle `width` pixels wide and `height` high from `from` (rows
+// `fromStride` bytes apart) to `to` (rows `toStride` bytes apart). The fourth
+// byte stays as the server left it (undefined at depth 24): nothing downstream
+// reads it.
+void copyRect(const std::uint8_t* from, std::size_t fromStride, int width, int height, std::uint8_t* to,
               std::size_t toStride) {
-  const std::size_t rowBytes = static_cast<std::size_t>(rect.width) * 4;
-  for (int y = 0; y < rect.height; ++y) {
-    std::uint8_t* row = to + (rect.y + y) * toStride + static_cast<std::size_t>(rect.x) * 4;
-    // The whole screen through MIT-SHM is fetched in place already.
-    if (row != from + y * fromStride) std::memcpy(row, from + y * fromStride, rowBytes);
-  }
+  for (int y = 0; y < height; ++y) std::memcpy(to + y * toStride, from + y * fromStride, static_cast<std::size_t>(width) * 4);
 }
 
 }  // namespace
@@ -147,7 +147,7 @@ X11ScreenSource::~X11ScreenSource() {
   stop();
   if (damage_) xcb_damage_destroy(connection_, damage_);
   if (region_) xcb_xfixes_destroy_region(connection_, region_);
-  releaseSegment();
+  releaseSegments();
   xcb_disconnect(connection_);
   if (wakeFd_ >= 0) ::close(wakeFd_);
 }
@@ -172,54 +172,67 @@ void X11ScreenSource::setUpDamage() {
                                             XCB_DAMAGE_NOTIFY);
 }
 
-void X11ScreenSource::releaseSegment() {
-  if (segment_) xcb_shm_detach(connection_, segment_);
+std::shared_ptr<std::uint8_t> X11ScreenSource::attachSegment(std::size_t bytes, std::uint32_t* segment) {
+  const int id = shmget(IPC_PRIVATE, bytes, IPC_CREAT | 0600);
+  if (id < 0) return nullptr;
+  void* at = shmat(id, nullptr, 0);
+  // Marked for removal now: it goes away with the last detach, even after a crash.
+  shmctl(id, IPC_RMID, nullptr);
+  if (at == reinterpret_cast<void*>(-1)) return nullptr;
+  *segment = xcb_generate_id(connection_);
+  if (own(xcb_request_check(connection_,
+                            xcb_shm_attach_checked(connection_, *segment, static_cast<std::uint32_t>(id), 0)))) {
+    shmdt(at);
+    return nullptr;
+  }
+  // The memory may outlive the source in a sample still held downstream, so its
+  // deleter leaves the connection alone: the server detaches in releaseSegments.
+  return std::shared_ptr<std::uint8_t>(static_cast<std::uint8_t*>(at), [](std::uint8_t* memory) { shmdt(memory); });
+}
+
+void X11ScreenSource::releaseSegments() {
+  if (scratchSegment_) xcb_shm_detach(connection_, scratchSegment_);
+  for (const auto& [memory, segment] : segments_) xcb_shm_detach(connection_, segment);
   xcb_flush(connection_);
-  if (shm_) shmdt(shm_);
-  segment_ = 0;
-  shm_ = nullptr;
+  segments_.clear();
+  scratchSegment_ = 0;
+  scratch_.reset();
 }
 
 void X11ScreenSource::allocate(int width, int height) {
   width_ = width;
   height_ = height;
-  releaseSegment();
-  ownMirror_.clear();
-  ownMirror_.shrink_to_fit();
-  last_.clear();
-  last_.shrink_to_fit();
-  pool_ = std::make_unique<PixelBufferPool>(format_, width, height, kPoolBuffers);
+  newest_.reset();
+  stale_.clear();
+  missed_ = {};
+  releaseSegments();
   wholeScreenDue_ = damaged_ = true;
   checkedRow_ = 0;
-  stale_.clear();
-  changed_ = {};
 
   const std::size_t screenBytes = static_cast<std::size_t>(width) * height * 4;
   if (useShm_) {
-    // The screen, then room for damaged rectangles of up to half of it.
-    const int id = shmget(IPC_PRIVATE, screenBytes + screenBytes / 2 + 4, IPC_CREAT | 0600);
-    void* at = id >= 0 ? shmat(id, nullptr, 0) : reinterpret_cast<void*>(-1);
-    if (at != reinterpret_cast<void*>(-1)) {
-      segment_ = xcb_generate_id(connection_);
-      auto failed = own(xcb_request_check(
-          connection_, xcb_shm_attach_checked(connection_, segment_, static_cast<std::uint32_t>(id), 0)));
-      if (failed) {
-        segment_ = 0;
-        shmdt(at);
-      } else {
-        shm_ = static_cast<std::uint8_t*>(at);
-      }
-    }
-    // Marked for removal now: it goes away with the last detach, even after a crash.
-    if (id >= 0) shmctl(id, IPC_RMID, nullptr);
-    useShm_ = shm_ != nullptr;
+    // Half a screen, and at least a row.
+    scratchBytes_ = screenBytes / 2 + static_cast<std::size_t>(width) * 4;
+    scratch_ = attachSegment(scratchBytes_, &scratchSegment_);
+    useShm_ = scratch_ != nullptr;
   }
+  platform::PixelBuffer::Allocator allocate;
   if (useShm_) {
-    mirror_ = shm_;
-  } else {
-    ownMirror_.resize(screenBytes);
-    mirror_ = ownMirror_.data();
+    // Called on the source's thread, by the pool; plain memory where the server
+    // cannot attach another segment (the picture is then filled through the scratch).
+    allocate = [this](std::size_t bytes) {
+      std::uint32_t segment = 0;
+      auto memory = attachSegment(bytes, &segment);
+      if (!memory) return std::shared_ptr<std::uint8_t>(new std::uint8_t[bytes](), std::default_delete<std::uint8_t[]>());
+      segments_[memory.get()] = segment;
+      return memory;
+    };
   }
+  pictures_ = std::make_unique<PixelBufferPool>(platform::PixelFormat::BGRA, width, height, kPoolBuffers,
+                                                std::move(allocate));
+  nv12_ = format_ == platform::PixelFormat::NV12
+              ? std::make_unique<PixelBufferPool>(format_, width, height, kPoolBuffers)
+              : nullptr;
 }
 
 void X11ScreenSource::start(Sink sink, EndHandler ended) {
@@ -243,7 +256,6 @@ void X11ScreenSource::run() {
   using Clock = std::chrono::steady_clock;
   auto nextAllowed = Clock::now();
   auto nextCheck = nextAllowed + kCheckInterval;
-  bool sampleDue = false;  // the screen changed since the last sample delivered
   while (!stopping_) {
     // Events read while waiting for a reply are queued already, with nothing
     // left to read on the socket: take them before polling it.
@@ -254,23 +266,17 @@ void X11ScreenSource::run() {
     }
     auto now = Clock::now();
     if (damage_ && now >= nextCheck) {
-      if (checkBand()) sampleDue = true;
+      checkBand();
       nextCheck = now + kCheckInterval;
     }
-    const bool fetchDue = damaged_ || !damage_;
-    if ((fetchDue || sampleDue) && now >= nextAllowed) {
-      if (fetchDue && capture()) sampleDue = true;
-      auto pause = interval_;
-      if (sampleDue) {
-        const Delivered delivered = deliver();
-        sampleDue = delivered == Delivered::Nothing;
-        if (delivered == Delivered::WholeScreen) pause = std::max(pause, kWholeScreenInterval);
-      }
-      nextAllowed = now + pause;
+    const bool due = damaged_ || !damage_;
+    if (due && now >= nextAllowed) {
+      const Delivered delivered = sample();
+      nextAllowed = now + (delivered == Delivered::WholeScreen ? std::max(interval_, kWholeScreenInterval) : interval_);
       continue;
     }
     auto wakeAt = Clock::time_point::max();  // nothing to do until the screen changes
-    if (fetchDue || sampleDue) wakeAt = nextAllowed;
+    if (due) wakeAt = nextAllowed;
     if (damage_) wakeAt = std::min(wakeAt, nextCheck);
     const int timeout =
         wakeAt == Clock::time_point::max()
@@ -294,95 +300,166 @@ void X11ScreenSource::handle(const void* generic) {
   }
 }
 
-bool X11ScreenSource::capture() {
-  if (damage_) {
-    // Takes the damage so far and empties it, so that the next change raises
-    // a new event.
-    xcb_damage_subtract(connection_, damage_, XCB_NONE, region_);
-    auto region = own(xcb_xfixes_fetch_region_reply(connection_, xcb_xfixes_fetch_region(connection_, region_), nullptr));
-    damaged_ = false;
-    if (!region) return false;
+X11ScreenSource::Changes X11ScreenSource::takeChanges() {
+  Changes changes;
+  damaged_ = false;
+  if (!damage_ || wholeScreenDue_) {
+    wholeScreenDue_ = false;
+    changes.whole = true;
+    // The damage so far is in the whole screen; emptied so that the next change
+    // raises a new event.
+    if (damage_) xcb_damage_subtract(connection_, damage_, XCB_NONE, XCB_NONE);
+    return changes;
+  }
+  // Takes the damage so far and empties it.
+  xcb_damage_subtract(connection_, damage_, XCB_NONE, region_);
+  auto region = own(xcb_xfixes_fetch_region_reply(connection_, xcb_xfixes_fetch_region(connection_, region_), nullptr));
+  if (region) {
     const auto* rects = xcb_xfixes_fetch_region_rectangles(region.get());
     const int count = xcb_xfixes_fetch_region_rectangles_length(region.get());
-    if (wholeScreenDue_) {
-      fetchWhole();
-      wholeScreenDue_ = false;
-      return true;
-    }
-    std::vector<Rect> damaged;
     for (int i = 0; i < count; ++i) {
       // Clipped to the screen: damage may reach past it while the size changes.
       const int x = std::max<int>(rects[i].x, 0), y = std::max<int>(rects[i].y, 0);
       const int right = std::min(rects[i].x + rects[i].width, width_);
       const int bottom = std::min(rects[i].y + rects[i].height, height_);
-      if (right > x && bottom > y) damaged.push_back({x, y, right - x, bottom - y});
+      if (right > x && bottom > y) changes.add({x, y, right - x, bottom - y}, width_, height_);
     }
-    if (damaged.empty()) return false;
-    fetchRects(damaged);
-    return true;
   }
-  fetchWhole();
-  const std::size_t size = static_cast<std::size_t>(width_) * height_ * 4;
-  if (last_.size() == size && std::memcmp(last_.data(), mirror_, size) == 0) return false;
-  last_.assign(mirror_, mirror_ + size);
-  return true;
-}
-
-void X11ScreenSource::fetchWhole() { fetchRects({{0, 0, width_, height_}}); }
-
-void X11ScreenSource::fetchRects(std::vector<Rect> rects) {
-  const std::int64_t screenArea = static_cast<std::int64_t>(width_) * height_;
-  std::int64_t area = 0;
-  for (const auto& rect : rects) area += static_cast<std::int64_t>(rect.width) * rect.height;
+  changes.add(missed_, width_, height_);
+  missed_ = {};
   // Many or large rectangles: one request for the whole screen costs less.
-  if (rects.size() > 32 || 2 * area > screenArea) rects = {{0, 0, width_, height_}};
-  fetch(rects, [this](const Rect& rect, const std::uint8_t* pixels) {
-    copyRect(pixels, static_cast<std::size_t>(rect.width) * 4, rect, mirror_, static_cast<std::size_t>(width_) * 4);
-    changed_.add(rect, width_, height_);
-  });
+  std::int64_t area = 0;
+  for (const auto& rect : changes.rects) area += static_cast<std::int64_t>(rect.width) * rect.height;
+  if (changes.rects.size() > 32 || 2 * area > static_cast<std::int64_t>(width_) * height_) changes = {{}, true};
+  return changes;
 }
 
-bool X11ScreenSource::checkBand() {
+X11ScreenSource::Delivered X11ScreenSource::sample() {
+  auto picture = pictures_->acquire();
+  auto nv12 = nv12_ ? nv12_->acquire() : nullptr;
+  // None free: the damage stays, and is taken at the next tick.
+  if (!picture || (nv12_ && !nv12)) return Delivered::Nothing;
+  const Changes changes = takeChanges();
+  if (!changes.whole && changes.rects.empty()) return Delivered::Nothing;
+
+  auto [entry, isNew] = stale_.try_emplace(picture.get(), Changes{{}, true});
+  Changes& lacks = entry->second;
+  const std::vector<Rect> whole{{0, 0, width_, height_}};
+  std::int64_t area = 0;
+  if (lacks.whole || changes.whole) {
+    fetchInto(whole, *picture);
+    area = static_cast<std::int64_t>(width_) * height_;
+    // Polling: a screen like the newest picture is no sample.
+    if (!damage_ && newest_) {
+      bool same = true;
+      for (int y = 0; same && y < height_; ++y) {
+        same = std::memcmp(picture->plane(0) + offsetOf(*picture, 0, y), newest_->plane(0) + offsetOf(*newest_, 0, y), static_cast<std::size_t>(width_) * 4) == 0;
+      }
+      if (same) {
+        lacks = {};
+        return Delivered::Nothing;
+      }
+    }
+  } else {
+    // What changed since the picture last held the screen is in the newest one.
+    for (const auto& rect : lacks.rects) {
+      copyRect(newest_->plane(0) + offsetOf(*newest_, rect.x, rect.y), static_cast<std::size_t>(newest_->stride(0)),
+               rect.width, rect.height, picture->mutablePlane(0) + offsetOf(*picture, rect.x, rect.y),
+               static_cast<std::size_t>(picture->stride(0)));
+      area += static_cast<std::int64_t>(rect.width) * rect.height;
+    }
+    fetchInto(changes.rects, *picture);
+    for (const auto& rect : changes.rects) area += static_cast<std::int64_t>(rect.width) * rect.height;
+  }
+  // A whole screen read fresh may also hold changes whose damage is yet to come
+  // (they are added then) or never comes (the band check finds those in
+  // whichever picture is the newest then).
+  for (auto& [other, otherLacks] : stale_) otherLacks.add(changes, width_, height_);
+  lacks = {};
+  newest_ = picture;
+  if (nv12) {
+    convertBgraToNv12(picture->plane(0), picture->stride(0), width_, height_, *nv12);
+    sink_(platform::SampleBuffer(std::move(nv12), orientation_));
+    return Delivered::WholeScreen;
+  }
+  sink_(platform::SampleBuffer(std::move(picture), orientation_));
+  return 2 * area > static_cast<std::int64_t>(width_) * height_ ? Delivered::WholeScreen : Delivered::Changes;
+}
+
+void X11ScreenSource::checkBand() {
+  if (!newest_) return;
   const int rows = (height_ + kCheckBands - 1) / kCheckBands;
   if (checkedRow_ >= height_) checkedRow_ = 0;
   const Rect band{0, checkedRow_, width_, std::min(rows, height_ - checkedRow_)};
   checkedRow_ += rows;
-  bool changed = false;
   fetch({band}, [&](const Rect& rect, const std::uint8_t* pixels) {
-    const std::size_t bytes = static_cast<std::size_t>(rect.width) * rect.height * 4;
-    std::uint8_t* copy = mirror_ + static_cast<std::size_t>(rect.y) * width_ * 4;
-    if (std::memcmp(copy, pixels, bytes) != 0) {
-      std::memcpy(copy, pixels, bytes);
-      changed_.add(rect, width_, height_);
-      changed = true;
+    const std::size_t rowBytes = static_cast<std::size_t>(rect.width) * 4;
+    for (int y = 0; y < rect.height; ++y) {
+      if (std::memcmp(newest_->plane(0) + offsetOf(*newest_, 0, rect.y + y), pixels + y * rowBytes, rowBytes) != 0) {
+        missed_.add(band, width_, height_);
+        damaged_ = true;
+        return;
+      }
     }
   });
-  return changed;
+}
+
+void X11ScreenSource::fetchInto(const std::vector<Rect>& rects, platform::PixelBuffer& picture) {
+  const auto segment = segments_.find(picture.plane(0));
+  if (rects.size() == 1 && rects[0].width == width_ && rects[0].height == height_ && segment != segments_.end() &&
+      picture.stride(0) == width_ * 4) {
+    // The whole screen lands in the picture's own memory: nothing to copy.
+    if (own(xcb_shm_get_image_reply(
+            connection_,
+            xcb_shm_get_image(connection_, root_, 0, 0, static_cast<std::uint16_t>(width_),
+                              static_cast<std::uint16_t>(height_), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP, segment->second, 0),
+            nullptr))) {
+      return;
+    }
+  }
+  fetch(rects, [&](const Rect& rect, const std::uint8_t* pixels) {
+    copyRect(pixels, static_cast<std::size_t>(rect.width) * 4, rect.width, rect.height,
+             picture.mutablePlane(0) + offsetOf(picture, rect.x, rect.y),
+             static_cast<std::size_t>(picture.stride(0)));
+  });
 }
 
 void X11ScreenSource::fetch(const std::vector<Rect>& rects,
                             const std::function<void(const Rect&, const std::uint8_t*)>& use) {
-  const std::size_t screenBytes = static_cast<std::size_t>(width_) * height_ * 4;
   if (useShm_) {
-    // The whole screen lands in place; rectangles land one after the other
-    // after it (room for half a screen). All requests go out before the first
-    // reply is awaited.
-    std::vector<xcb_shm_get_image_cookie_t> cookies;
-    std::vector<std::size_t> offsets;
-    std::size_t offset = screenBytes;
+    // Rectangles land one after the other in the scratch, and all the requests
+    // that fit go out before the first reply is awaited; a rectangle larger
+    // than the scratch is read in bands of rows.
+    struct Pending {
+      Rect rect;
+      std::size_t at;
+      xcb_shm_get_image_cookie_t cookie;
+    };
+    std::vector<Pending> pending;
+    std::size_t offset = 0;
+    const auto awaitPending = [&] {
+      for (const auto& p : pending) {
+        if (own(xcb_shm_get_image_reply(connection_, p.cookie, nullptr))) use(p.rect, scratch_.get() + p.at);
+      }
+      pending.clear();
+      offset = 0;
+    };
     for (const auto& rect : rects) {
-      const std::size_t bytes = static_cast<std::size_t>(rect.width) * rect.height * 4;
-      const std::size_t at = bytes == screenBytes ? 0 : offset;
-      cookies.push_back(xcb_shm_get_image(connection_, root_, static_cast<std::int16_t>(rect.x),
-                                          static_cast<std::int16_t>(rect.y), static_cast<std::uint16_t>(rect.width),
-                                          static_cast<std::uint16_t>(rect.height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP,
-                                          segment_, static_cast<std::uint32_t>(at)));
-      offsets.push_back(at);
-      if (at) offset += bytes;
+      const std::size_t rowBytes = static_cast<std::size_t>(rect.width) * 4;
+      const int bandRows = static_cast<int>(scratchBytes_ / rowBytes);
+      for (int y = rect.y; y < rect.y + rect.height; y += bandRows) {
+        const Rect band{rect.x, y, rect.width, std::min(bandRows, rect.y + rect.height - y)};
+        const std::size_t bytes = rowBytes * static_cast<std::size_t>(band.height);
+        if (offset + bytes > scratchBytes_) awaitPending();
+        pending.push_back({band, offset,
+                           xcb_shm_get_image(connection_, root_, static_cast<std::int16_t>(band.x),
+                                             static_cast<std::int16_t>(band.y), static_cast<std::uint16_t>(band.width),
+                                             static_cast<std::uint16_t>(band.height), ~0u, XCB_IMAGE_FORMAT_Z_PIXMAP,
+                                             scratchSegment_, static_cast<std::uint32_t>(offset))});
+        offset += bytes;
+      }
     }
-    for (std::size_t i = 0; i < rects.size(); ++i) {
-      if (own(xcb_shm_get_image_reply(connection_, cookies[i], nullptr))) use(rects[i], shm_ + offsets[i]);
-    }
+    awaitPending();
     return;
   }
   std::vector<xcb_get_image_cookie_t> cookies;
@@ -408,36 +485,6 @@ void X11ScreenSource::Changes::add(const Rect& rect, int width, int height) {
 void X11ScreenSource::Changes::add(const Changes& more, int width, int height) {
   if (more.whole) *this = more;
   for (const auto& rect : more.rects) add(rect, width, height);
-}
-
-X11ScreenSource::Delivered X11ScreenSource::deliver() {
-  auto buffer = pool_->acquire();
-  if (!buffer) return Delivered::Nothing;
-  bool wholeScreen = true;
-  if (buffer->format() == platform::PixelFormat::BGRA) {
-    // A reused buffer lacks only what changed since it last held the screen.
-    auto [entry, isNew] = stale_.try_emplace(buffer.get());
-    auto& lacks = entry->second;
-    lacks.whole = lacks.whole || isNew;
-    lacks.add(changed_, width_, height_);
-    for (auto& [other, otherLacks] : stale_) {
-      if (other != buffer.get()) otherLacks.add(changed_, width_, height_);
-    }
-    const std::vector<Rect> whole{{0, 0, width_, height_}};
-    std::int64_t area = 0;
-    for (const auto& rect : lacks.whole ? whole : lacks.rects) {
-      copyRect(mirror_ + (static_cast<std::size_t>(rect.y) * width_ + rect.x) * 4, width_ * 4, rect,
-               buffer->mutablePlane(0), buffer->stride(0));
-      area += static_cast<std::int64_t>(rect.width) * rect.height;
-    }
-    wholeScreen = 2 * area > static_cast<std::int64_t>(width_) * height_;
-    lacks = {};
-  } else {
-    convertBgraToNv12(mirror_, width_ * 4, width_, height_, *buffer);
-  }
-  changed_ = {};
-  sink_(platform::SampleBuffer(std::move(buffer), orientation_));
-  return wholeScreen ? Delivered::WholeScreen : Delivered::Changes;
 }
 
 }  // namespace zephlo

@@ -1,20 +1,22 @@
 // X11ScreenSource: the screen of an X11 display. It subscribes to DAMAGE on the
-// root window, keeps a copy of the screen up to date by fetching only the
-// damaged rectangles through MIT-SHM (the whole screen when most of it changed),
-// and delivers a sample only after something changed, at most at the sample
-// rate (a whole screen at most once a frame loop tick, as the loop renders no
-// more): an idle desktop costs next to nothing. DAMAGE is taken as a hint: one
-// band of the screen is compared with the copy four times a second, so a change
-// it missed still shows within two seconds. Where the server has no DAMAGE it grabs
+// root window and, when something changed, fills a picture of the screen with
+// only what that picture lacks: the damaged rectangles from the server, and what
+// changed since the picture last held the screen from the newest picture (the
+// whole screen when most of it changed, through MIT-SHM straight into the
+// picture's own shared memory). It delivers at most at the sample rate, and a
+// whole screen at most once a frame loop tick, as the loop renders no more: an
+// idle desktop costs next to nothing. DAMAGE is taken as a hint: one band of the
+// screen is compared with the newest picture four times a second, so a change it
+// missed still shows within two seconds. Where the server has no DAMAGE it grabs
 // the whole screen at every tick of the sample rate and delivers it when it
-// differs from the last; where MIT-SHM cannot be attached (another IPC
+// differs from the newest picture; where MIT-SHM cannot be attached (another IPC
 // namespace, a remote display) it reads with plain GetImage. It follows the
 // screen's size (ConfigureNotify on the root) and ends when the display goes.
 //
 // Owned by the broadcast host; `open`, `start` and `stop` run on the main thread;
 // once started, the xcb connection is the source's own thread's alone. Samples
 // are BGRA as the server stores them (24-bit depth, 32 bits a pixel), or NV12
-// converted from that; they come from a pool of two buffers.
+// converted from that; they come from pools of two buffers.
 //
 // THREADING: `stop` sets an atomic flag and wakes the thread through an eventfd
 // it polls beside the X connection.
@@ -73,27 +75,29 @@ class X11ScreenSource : public ScreenSource {
   X11ScreenSource(xcb_connection_t* connection, std::uint32_t root, platform::PixelFormat format,
                   std::int64_t orientation, double sampleRate);
   void setUpDamage();
-  // Buffers for a screen of `width` x `height` pixels; MIT-SHM where it attaches.
+  // Pictures for a screen of `width` x `height` pixels; MIT-SHM where it attaches.
   void allocate(int width, int height);
-  void releaseSegment();
+  // Shared memory the server has attached, in `*segment`; null where it cannot.
+  std::shared_ptr<std::uint8_t> attachSegment(std::size_t bytes, std::uint32_t* segment);
+  void releaseSegments();
   void run();
   // An event from the X connection (an xcb_generic_event_t).
   void handle(const void* event);
-  // Brings the copy of the screen up to date; whether a sample is due.
-  bool capture();
-  void fetchWhole();
-  // Into the screen copy; many or large rectangles as the whole screen.
-  void fetchRects(std::vector<Rect> rects);
-  // Reads the next band of the screen and compares it with the copy, which it
-  // brings up to date; whether the band had changed.
-  bool checkBand();
-  // Reads `rects` from the screen and hands each one's rows (rect.width * 4
-  // bytes each) to `use`.
-  void fetch(const std::vector<Rect>& rects, const std::function<void(const Rect&, const std::uint8_t*)>& use);
-  // What delivering the sample took: nothing (no buffer was free), the changes
-  // the buffer lacked, or (most of) the whole screen (NV12 is converted whole).
+  // What a sample took: nothing (no buffer was free, or nothing changed), a few
+  // changes, or (most of) the whole screen (NV12 is converted whole).
   enum class Delivered { Nothing, Changes, WholeScreen };
-  Delivered deliver();
+  // Fills a picture with what changed and delivers it.
+  Delivered sample();
+  // What changed on the screen since the newest picture.
+  Changes takeChanges();
+  // Reads the next band of the screen; one that differs from the newest picture
+  // counts as damaged.
+  void checkBand();
+  // Reads `rects` of the screen into the same places of `picture`.
+  void fetchInto(const std::vector<Rect>& rects, platform::PixelBuffer& picture);
+  // Reads `rects` of the screen and hands each one's rows (rect.width * 4 bytes
+  // each) to `use`.
+  void fetch(const std::vector<Rect>& rects, const std::function<void(const Rect&, const std::uint8_t*)>& use);
 
   xcb_connection_t* connection_;
   std::uint32_t root_;
@@ -109,23 +113,24 @@ class X11ScreenSource : public ScreenSource {
 
   int width_ = 0;
   int height_ = 0;
-  // The screen as last fetched, BGRA rows of width_ * 4 bytes: the
-  // start of the MIT-SHM segment (after it, room for the damaged rectangles),
-  // else `ownMirror_`.
-  std::uint8_t* mirror_ = nullptr;
-  std::uint8_t* shm_ = nullptr;
-  std::uint32_t segment_ = 0;
-  std::vector<std::uint8_t> ownMirror_;
-  // When polling: the screen of the last sample, to compare with.
-  std::vector<std::uint8_t> last_;
+  // Pictures of the screen, BGRA rows as the server stores them: delivered as
+  // they are, or converted into `nv12_`'s buffers.
+  std::unique_ptr<PixelBufferPool> pictures_;
+  std::unique_ptr<PixelBufferPool> nv12_;
+  // The newest picture, held so that the next is filled in the other one.
+  std::shared_ptr<platform::PixelBuffer> newest_;
+  // What each picture lacks of the newest one; a picture not listed lacks all.
+  std::map<const platform::PixelBuffer*, Changes> stale_;
+  // The server's MIT-SHM segment of each picture's memory, by its address.
+  std::map<const std::uint8_t*, std::uint32_t> segments_;
+  // Where rectangles land through MIT-SHM: up to half a screen at a time.
+  std::shared_ptr<std::uint8_t> scratch_;
+  std::uint32_t scratchSegment_ = 0;
+  std::size_t scratchBytes_ = 0;
   bool wholeScreenDue_ = true;  // first, and after a size change
   bool damaged_ = true;
+  Changes missed_;      // bands that changed without damage
   int checkedRow_ = 0;  // the first row of the band checkBand reads next
-  std::unique_ptr<PixelBufferPool> pool_;
-  // What changed in the screen copy since the last sample, and (BGRA) what each
-  // pooled buffer lacks of it; a buffer not listed yet lacks everything.
-  Changes changed_;
-  std::map<const platform::PixelBuffer*, Changes> stale_;
 
   Sink sink_;
   EndHandler ended_;

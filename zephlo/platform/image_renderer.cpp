@@ -89,12 +89,6 @@ class BandSums {
     blocks_ = divideRoundingUp(width, k);
     lastColumns_ = width - (blocks_ - 1) * k;
     for (auto& channel : sums_) channel.resize(static_cast<std::size_t>(blocks_));
-    if (k == 1 && rows == 1) {
-      // Shrinks under 2 * kLanczosReduction, a 1920x1080 screen to half size
-      // among them: one-pixel blocks, the channels only split apart.
-      split(src, width);
-      return;
-    }
     const std::size_t samples = static_cast<std::size_t>(width) * kChannels;
     columns_.resize(samples);
     std::uint16_t* columns = columns_.data();
@@ -124,13 +118,6 @@ class BandSums {
   const std::uint32_t* channel(int c) const { return sums_[static_cast<std::size_t>(c)].data(); }
 
  private:
-  ZEPHLO_VECTOR_LOOPS void split(const std::uint8_t* src, int width) {
-    for (int c = 0; c < kUsed; ++c) {
-      std::uint32_t* __restrict out = sums_[static_cast<std::size_t>(c)].data();
-      for (int x = 0; x < width; ++x) out[x] = src[x * kChannels + c];
-    }
-  }
-
   template <int K>
   ZEPHLO_VECTOR_LOOPS void sumBlocks(int first, int end) {
     const std::uint16_t* columns = columns_.data();
@@ -241,6 +228,10 @@ class Nv12Shrinker {
 class BgraShrinker {
  public:
   void shrink(const PixelBuffer& in, int k, int first, Planes& out) {
+    if (k == 1) {
+      shrinkPixels(in, first, out);
+      return;
+    }
     for (int cy = 0; cy < out.height[1]; ++cy) {
       int bands = 0;
       for (; bands < 2 && 2 * cy + bands < out.height[0]; ++bands) {
@@ -304,6 +295,63 @@ class BgraShrinker {
           g += static_cast<std::int32_t>(bands_[i].channel(1)[j]);
           r += static_cast<std::int32_t>(bands_[i].channel(2)[j]);
           area += bands_[i].areaOf(j);
+        }
+      }
+      const JfifWeights w(area);
+      cb[x] = fixedToByte(w.cbr * r + w.cbg * g + w.cbb * b + kFixedChromaOffset);
+      cr[x] = fixedToByte(w.crr * r + w.crg * g + w.crb * b + kFixedChromaOffset);
+    }
+  }
+
+  // No shrink (most screens shown at half size or more): YCbCr straight from
+  // the pixels, without sums in between.
+  void shrinkPixels(const PixelBuffer& in, int first, Planes& out) {
+    for (int cy = 0; cy < out.height[1]; ++cy) {
+      const int y = first + 2 * cy;
+      const std::uint8_t* top = in.plane(0) + static_cast<std::ptrdiff_t>(y) * in.stride(0);
+      const std::uint8_t* bottom = y + 1 < in.height() ? top + in.stride(0) : nullptr;
+      writePixelLuma(top, in.width(), out.data[0] + static_cast<std::ptrdiff_t>(2 * cy) * out.stride[0]);
+      if (bottom) writePixelLuma(bottom, in.width(), out.data[0] + static_cast<std::ptrdiff_t>(2 * cy + 1) * out.stride[0]);
+      writePixelChroma(top, bottom, in.width(), out.data[1] + static_cast<std::ptrdiff_t>(cy) * out.stride[1],
+                       out.data[2] + static_cast<std::ptrdiff_t>(cy) * out.stride[2]);
+    }
+  }
+
+  ZEPHLO_VECTOR_LOOPS static void writePixelLuma(const std::uint8_t* __restrict bgra, int width,
+                                                 std::uint8_t* __restrict y) {
+    const JfifWeights w(1);
+    const std::int32_t wr = w.yr, wg = w.yg, wb = w.yb;
+    for (int x = 0; x < width; ++x)
+      y[x] = fixedToByte(wr * bgra[4 * x + 2] + wg * bgra[4 * x + 1] + wb * bgra[4 * x]);
+  }
+
+  // Chroma of each 2x2 block of the rows `top` and `bottom` (null at an odd
+  // picture's last row); the blocks cut short at the edges are weighed by the
+  // pixels they hold.
+  ZEPHLO_VECTOR_LOOPS static void writePixelChroma(const std::uint8_t* __restrict top,
+                                                   const std::uint8_t* __restrict bottom, int width,
+                                                   std::uint8_t* __restrict cb, std::uint8_t* __restrict cr) {
+    int x = 0;
+    if (bottom) {
+      const JfifWeights w(4);
+      for (; x < width / 2; ++x) {
+        const std::uint8_t* t = top + 8 * x;
+        const std::uint8_t* u = bottom + 8 * x;
+        const std::int32_t b = t[0] + t[4] + u[0] + u[4];
+        const std::int32_t g = t[1] + t[5] + u[1] + u[5];
+        const std::int32_t r = t[2] + t[6] + u[2] + u[6];
+        cb[x] = fixedToByte(w.cbr * r + w.cbg * g + w.cbb * b + kFixedChromaOffset);
+        cr[x] = fixedToByte(w.crr * r + w.crg * g + w.crb * b + kFixedChromaOffset);
+      }
+    }
+    for (; x < (width + 1) / 2; ++x) {
+      std::int32_t b = 0, g = 0, r = 0;
+      int area = 0;
+      for (const std::uint8_t* row : {top, bottom}) {
+        for (int j = 2 * x; row && j < std::min(2 * x + 2, width); ++j, ++area) {
+          b += row[4 * j];
+          g += row[4 * j + 1];
+          r += row[4 * j + 2];
         }
       }
       const JfifWeights w(area);

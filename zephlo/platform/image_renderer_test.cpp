@@ -138,8 +138,9 @@ TEST(ImageRendererTest, BgraAndNv12OfOnePictureRenderAlike) {
 }
 
 TEST(ImageRendererTest, BlocksCutShortAtTheEdgesKeepTheirColour) {
-  // Sizes that are no multiple of the box shrink leave partial edge blocks; a
-  // flat colour must stay flat to the last pixel of every plane.
+  // Sizes that are no multiple of the box shrink (or, unshrunk, of the chroma
+  // blocks) leave partial edge blocks; a flat colour must stay flat to the last
+  // pixel of every plane.
   const Bgr colour{40, 200, 120};
   const double expected[3] = {
       0.299 * colour.r + 0.587 * colour.g + 0.114 * colour.b,
@@ -148,7 +149,7 @@ TEST(ImageRendererTest, BlocksCutShortAtTheEdgesKeepTheirColour) {
   };
   ImageRenderer renderer;
   for (const auto& [width, height, scale] : {std::tuple{1003, 2011, 0.16}, std::tuple{997, 1001, 0.1},
-                                             std::tuple{301, 203, 0.0625}}) {
+                                             std::tuple{301, 203, 0.0625}, std::tuple{301, 203, 0.5}}) {
     auto bgra = drawBgra(width, height, [&](int, int) { return colour; });
     for (const auto& buffer : {bgra, PixelBuffer::nv12From(*bgra)}) {
       SCOPED_TRACE(testing::Message() << width << "x" << height << " at " << scale << " from "

@@ -12,21 +12,28 @@ std::uint8_t toByte(double v) { return static_cast<std::uint8_t>(std::clamp(v + 
 }  // namespace
 
 std::shared_ptr<PixelBuffer> PixelBuffer::create(PixelFormat format, int width, int height) {
+  return create(format, width, height, [](std::size_t bytes) {
+    return std::shared_ptr<std::uint8_t>(new std::uint8_t[bytes](), std::default_delete<std::uint8_t[]>());
+  });
+}
+
+std::shared_ptr<PixelBuffer> PixelBuffer::create(PixelFormat format, int width, int height,
+                                                 const Allocator& allocate) {
   if (width <= 0 || height <= 0 || width > kMaxDimension || height > kMaxDimension) return nullptr;
-  return std::shared_ptr<PixelBuffer>(new PixelBuffer(format, width, height));
+  std::shared_ptr<PixelBuffer> buffer(new PixelBuffer(format, width, height));
+  buffer->memory_ = allocate(buffer->bytes_);
+  return buffer->memory_ ? buffer : nullptr;
 }
 
 PixelBuffer::PixelBuffer(PixelFormat format, int width, int height)
     : format_(format), width_(width), height_(height) {
-  std::size_t size = 0;
   for (int p = 0; p < planeCount(); ++p) {
     // A BGRA pixel takes 4 bytes, a Y sample 1, a Cb/Cr pair 2.
     const int bytesPerSample = format_ == PixelFormat::BGRA ? 4 : (p == 0 ? 1 : 2);
     strides_[p] = alignRow(planeWidth(p) * bytesPerSample);
-    offsets_[p] = size;
-    size += static_cast<std::size_t>(strides_[p]) * static_cast<std::size_t>(planeHeight(p));
+    offsets_[p] = bytes_;
+    bytes_ += static_cast<std::size_t>(strides_[p]) * static_cast<std::size_t>(planeHeight(p));
   }
-  data_.assign(size, 0);
 }
 
 std::shared_ptr<PixelBuffer> PixelBuffer::nv12From(const PixelBuffer& bgra) {

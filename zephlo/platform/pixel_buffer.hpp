@@ -14,8 +14,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
-#include <vector>
 
 namespace zephlo::platform {
 
@@ -27,8 +27,15 @@ class PixelBuffer {
   // attempted.
   static constexpr int kMaxDimension = 16384;
 
+  // Memory for a buffer's planes, `bytes` long and zero-filled; what it returns
+  // owns the memory and is kept until the buffer goes. Null when there is none.
+  using Allocator = std::function<std::shared_ptr<std::uint8_t>(std::size_t bytes)>;
+
   // A zero-filled buffer, or null when the size is not positive or too large.
   static std::shared_ptr<PixelBuffer> create(PixelFormat format, int width, int height);
+  // The same in memory from `allocate` (shared memory that another process
+  // writes a picture into, say); null also when `allocate` gives none.
+  static std::shared_ptr<PixelBuffer> create(PixelFormat format, int width, int height, const Allocator& allocate);
   // An NV12 copy of a BGRA buffer (each Cb/Cr pair from the average colour of its
   // 2×2 pixels), for producers whose screen hands out BGRA; null when `bgra` is
   // not BGRA.
@@ -49,8 +56,8 @@ class PixelBuffer {
   int planeHeight(int plane) const;
   // Bytes from one row of a plane to the next.
   int stride(int plane) const { return strides_[plane]; }
-  const std::uint8_t* plane(int plane) const { return data_.data() + offsets_[plane]; }
-  std::uint8_t* mutablePlane(int plane) { return data_.data() + offsets_[plane]; }
+  const std::uint8_t* plane(int plane) const { return memory_.get() + offsets_[plane]; }
+  std::uint8_t* mutablePlane(int plane) { return memory_.get() + offsets_[plane]; }
 
  private:
   PixelBuffer(PixelFormat format, int width, int height);
@@ -60,7 +67,8 @@ class PixelBuffer {
   int height_;
   int strides_[2] = {0, 0};
   std::size_t offsets_[2] = {0, 0};
-  std::vector<std::uint8_t> data_;
+  std::size_t bytes_ = 0;
+  std::shared_ptr<std::uint8_t> memory_;
 };
 
 }  // namespace zephlo::platform

@@ -51,13 +51,18 @@ class SampleRecorder {
     if (!changed_.wait_for(lock, limit, [&] { return samples_.size() >= n; })) return std::nullopt;
     return samples_[n - 1];
   }
-  // The first sample from the `n`th on that `matches`; nothing when the next one
-  // did not come within `limit`.
+  // The first sample from the `n`th on that `matches`; nothing when none did
+  // within `limit` (a source that keeps delivering the wrong picture included).
   std::optional<platform::SampleBuffer> waitForSampleThat(
       std::size_t n, const std::function<bool(const platform::SampleBuffer&)>& matches,
       std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-    for (auto sample = waitForSample(n, limit); sample; sample = waitForSample(++n, limit))
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    for (auto sample = waitForSample(n, limit); sample;) {
       if (matches(*sample)) return sample;
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) break;
+      sample = waitForSample(++n, left);
+    }
     return std::nullopt;
   }
   // The first reason the source gave for ending; nothing after `limit`.
