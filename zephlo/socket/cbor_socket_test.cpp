@@ -84,7 +84,6 @@ TEST_F(CBORSocketTest, EachConnectionNumbersItsMessagesFromOneAndReconnectsWithA
   WebSocketTestServer server(WebSocketTestServer::Options::requiringToken("token"));
   auto socket = open(server);
   ASSERT_TRUE(until([&] { return socket->isConneced(); }));
-  EXPECT_EQ(connects_, 1);
   socket->send("filter", {{"events", ValueArray{"probe"}}});
   socket->send("alive", {});
   ASSERT_TRUE(until([&] { return server.received().size() == 2; }));
