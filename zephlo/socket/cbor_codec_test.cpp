@@ -33,6 +33,7 @@ constexpr double kInfD = std::numeric_limits<double>::infinity();
 // RFC 8949 Appendix A, a vector for each way the receive path converts an item and
 // each header size. `reencodes`: the native value encodes back to the same bytes.
 TEST(CborCodecTest, DecodesTheRfcAppendixAVectorsAsNativeValues) {
+  using K = CborItem::Kind;
   const Value nested = ValueArray{1u, ValueArray{2u, 3u}, ValueArray{4u, 5u}};
   const struct {
     const char* hex;
@@ -66,6 +67,11 @@ TEST(CborCodecTest, DecodesTheRfcAppendixAVectorsAsNativeValues) {
       {"9f018202039f0405ffff", nested, false}, {"83019f0203ff820405", nested, false},
       {"bf61610161629f0203ffff", Value(ValueMap{{"a", 1u}, {"b", ValueArray{2u, 3u}}}), false},
       {"826161bf61626163ff", Value(ValueArray{"a", ValueMap{{"b", "c"}}}), false},
+      // Bignums, tags, null and undefined stay unconverted items and encode as they came.
+      {"c249010000000000000000", item(K::Tag, 2, "c249010000000000000000"), true},
+      {"f6", item(K::Null, 0, "f6"), true}, {"f7", item(K::Undefined, 0, "f7"), true},
+      {"c11a514b67b0", item(K::Tag, 1, "c11a514b67b0"), true},
+      {"d818456449455446", item(K::Tag, 24, "d818456449455446"), true},
   };
   for (const auto& v : vectors) {
     SCOPED_TRACE(v.hex);
@@ -75,23 +81,6 @@ TEST(CborCodecTest, DecodesTheRfcAppendixAVectorsAsNativeValues) {
     if (v.reencodes) {
       EXPECT_EQ(encode(*decoded), hex(v.hex));
     }
-  }
-  // Bignums, tags, null and undefined stay unconverted items and encode as they came.
-  using K = CborItem::Kind;
-  const struct {
-    const char* hex;
-    K kind;
-    std::uint64_t tag;
-  } items[] = {
-      {"c249010000000000000000", K::Tag, 2}, {"f6", K::Null, 0}, {"f7", K::Undefined, 0},
-      {"c11a514b67b0", K::Tag, 1}, {"d818456449455446", K::Tag, 24},
-  };
-  for (const auto& i : items) {
-    SCOPED_TRACE(i.hex);
-    const auto decoded = decode(hex(i.hex));
-    ASSERT_TRUE(decoded.has_value());
-    EXPECT_EQ(*decoded, item(i.kind, i.tag, i.hex)) << decoded->debugString();
-    EXPECT_EQ(encode(*decoded), hex(i.hex));
   }
 }
 
