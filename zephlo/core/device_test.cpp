@@ -4,7 +4,6 @@
 #include <stdlib.h>
 
 #include <filesystem>
-#include <regex>
 #include <string_view>
 
 #include "zephlo/core/json.hpp"
@@ -39,7 +38,16 @@ using Lines = std::vector<std::string>;
 
 // An upper-case random (version 4) UUID in the 8-4-4-4-12 form.
 bool isUpperCaseUuid(const std::string& id) {
-  return std::regex_match(id, std::regex("[0-9A-F]{8}-[0-9A-F]{4}-4[0-9A-F]{3}-[89AB][0-9A-F]{3}-[0-9A-F]{12}"));
+  // 'x' a hex digit, '4' the version, 'y' the variant (8, 9, A or B).
+  const std::string form = "xxxxxxxx-xxxx-4xxx-yxxx-xxxxxxxxxxxx";
+  if (id.size() != form.size()) return false;
+  for (std::size_t i = 0; i < form.size(); ++i) {
+    const char c = id[i];
+    const bool hex = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F');
+    if (form[i] == 'x' ? !hex : form[i] == 'y' ? std::string_view("89AB").find(c) == std::string_view::npos : c != form[i])
+      return false;
+  }
+  return true;
 }
 
 std::string notificationJson(const std::string& url, const std::string& token) {
