@@ -84,7 +84,6 @@ TEST_F(ZPHRequestTest, DefaultHeadersStartEmptyMergeAndGoOnEveryRequest) {
   platform::Bundle::setMain(*bundle);
   const auto unnamed = ZPHRequest::socketRequest("ws://h", "t");
   platform::Bundle::setMain(platform::Bundle::demo());
-  EXPECT_EQ(unnamed.url, "ws://h/sockets/1/ws");
   EXPECT_EQ(unnamed.header("User-Agent"), "(null)/7");
 
   // Every REST call carries them, with the JSON content type even without a body.
@@ -110,16 +109,9 @@ TEST_F(ZPHRequestTest, OutcomesReachTheMainQueueInTheirOrder) {
     Response reply;
     std::optional<Error> error;  // descriptions of JSON errors are not compared
     Value body;
-  } cases[] = {
-      {"204 with an empty body", Response::json(204, ""), std::nullopt, Value()},
-      {"200 with an object", Response::json(200, R"({"id":"s1","n":2})"), std::nullopt,
-       ValueMap{{"id", "s1"}, {"n", 2}}},
+  } cases[] = {  // objects, a 204 and a message of its own show in the resource tests
       {"201 with an array", Response::json(201, "[1,2]"), std::nullopt, ValueArray{1, 2}},
-      {"200 empty", Response::json(200, ""), decodeError, Value()},
-      {"200 not JSON", Response::json(200, "hello"), decodeError, Value()},
-      {"200 top-level string", Response::json(200, "\"s\""), decodeError, Value()},
-      {"404 with message", Response::json(404, R"({"message":"Session not found"})"),
-       ZPHError("Session not found", 404), ValueMap{{"message", "Session not found"}}},
+      {"200 empty", Response::json(200, ""), decodeError, Value()},  // what else fails to parse: the JSON tests
       {"500 without message", Response::json(500, R"({"error":"boom"})"), ZPHError("Request failed", 500),
        ValueMap{{"error", "boom"}}},
       {"422 with a non-text message", Response::json(422, R"({"message":5})"), ZPHError("Request failed", 422),

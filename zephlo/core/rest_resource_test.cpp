@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "zephlo/core/request.hpp"
 #include "zephlo/testing/http_test_server.hpp"
 #include "zephlo/testing/main_queue_fixture.hpp"
 
@@ -56,36 +55,6 @@ TEST_F(ZPHRESTResourceTest, NewResourceIsAnEmptyMapAndIdReadsTextOrIntegerIds) {
   }
   thing->updateResource(ValueArray{});
   EXPECT_TRUE(thing->field("id").isNull());
-}
-
-TEST_F(ZPHRESTResourceTest, VerbsMapOntoRequestsAndTakeTheReply) {
-  const ValueMap body{{"state", "active"}, {"full_device", true}};
-  const struct {
-    const char* method;
-    std::function<void(Thing&, ZPHRESTResource::ResourceCallback)> call;
-    std::string sentBody;
-  } cases[] = {
-      {"GET", [](Thing& t, auto cb) { t.fetch(std::move(cb)); }, ""},
-      {"POST", [&](Thing& t, auto cb) { t.create(body, std::move(cb)); }, R"({"state":"active","full_device":true})"},
-      {"PUT", [&](Thing& t, auto cb) { t.update(body, std::move(cb)); }, R"({"state":"active","full_device":true})"},
-      {"DELETE", [](Thing& t, auto cb) { t.delete_(std::move(cb)); }, ""},
-  };
-  std::size_t n = 0;
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.method);
-    server_.route(c.method, "/things/1", Response::json(200, std::string(R"({"id":"1","via":")") + c.method + "\"}"));
-    const auto thing = std::make_shared<Thing>(server_.url("/things/1"));
-    const Outcome outcome = run([&](auto cb) { c.call(*thing, std::move(cb)); });
-    EXPECT_FALSE(outcome.error);
-    EXPECT_EQ(outcome.resource, thing);
-    EXPECT_EQ(thing->field("via"), Value(c.method));
-    EXPECT_EQ(thing->id(), "1");
-    const auto requests = server_.requests();
-    ASSERT_EQ(requests.size(), ++n);
-    EXPECT_EQ(requests.back().method, c.method);
-    EXPECT_EQ(requests.back().target, "/things/1");
-    EXPECT_EQ(requests.back().body, c.sentBody);
-  }
 }
 
 // Error paths.

@@ -66,8 +66,7 @@ TEST(ZPHDrawingTest, ImageAndMimeTypeAreOptionalTypeAndIdAreNot) {
   }
 
   for (const Value& data : {Value(ValueMap{{"type", "Drawing"}, {"x", 1}, {"y", 1}, {"width", 1}, {"height", 1}}),
-                            Value(ValueMap{{"type", "drawing"}, {"id", "d1"}}), Value(ValueMap{{"id", "d1"}}),
-                            Value(ValueArray{drawing({})}), Value()})
+                            Value(ValueMap{{"type", "drawing"}, {"id", "d1"}}), Value(ValueArray{drawing({})})})
     EXPECT_EQ(ZPHDrawing::from(data), nullptr) << data.debugString();
 }
 

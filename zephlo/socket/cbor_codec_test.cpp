@@ -4,6 +4,7 @@
 
 #include <cmath>
 #include <limits>
+#include <optional>
 #include <string>
 
 namespace zephlo::cbor {
@@ -29,56 +30,48 @@ ValueArray oneTo(int n) {
 constexpr float kInf = std::numeric_limits<float>::infinity();
 constexpr double kInfD = std::numeric_limits<double>::infinity();
 
-// RFC 8949 Appendix A, as the receive path converts each item. `reencodes`: the
-// native value encodes back to the same bytes.
+// RFC 8949 Appendix A, a vector for each way the receive path converts an item and
+// each header size. `reencodes`: the native value encodes back to the same bytes.
 TEST(CborCodecTest, DecodesTheRfcAppendixAVectorsAsNativeValues) {
+  using K = CborItem::Kind;
   const Value nested = ValueArray{1u, ValueArray{2u, 3u}, ValueArray{4u, 5u}};
   const struct {
     const char* hex;
     Value expected;
     bool reencodes;
   } vectors[] = {
-      {"00", Value(0u), true}, {"01", Value(1u), true}, {"0a", Value(10u), true}, {"17", Value(23u), true},
-      {"1818", Value(24u), true}, {"1819", Value(25u), true}, {"1864", Value(100u), true},
-      {"1903e8", Value(1000u), true}, {"1a000f4240", Value(1000000u), true},
-      {"1b000000e8d4a51000", Value(1000000000000ull), true},
+      {"00", Value(0u), true}, {"17", Value(23u), true}, {"1818", Value(24u), true}, {"1903e8", Value(1000u), true},
+      {"1a000f4240", Value(1000000u), true}, {"1b000000e8d4a51000", Value(1000000000000ull), true},
       {"1bffffffffffffffff", Value(18446744073709551615ull), true},
       // Negative integers arrive as their raw payload n of -1-n.
       {"3bffffffffffffffff", Value(18446744073709551615ull), false}, {"20", Value(0u), false},
-      {"29", Value(9u), false}, {"3863", Value(99u), false}, {"3903e7", Value(999u), false},
-      // Half and single floats become 32-bit floats, doubles stay doubles.
-      {"f90000", Value(0.0f), false}, {"f98000", Value(-0.0f), false}, {"f93c00", Value(1.0f), false},
-      {"fb3ff199999999999a", Value(1.1), true}, {"f93e00", Value(1.5f), false},
-      {"f97bff", Value(65504.0f), false}, {"fa47c35000", Value(100000.0f), true},
-      {"fa7f7fffff", Value(3.4028234663852886e+38f), true}, {"fb7e37e43c8800759c", Value(1.0e+300), true},
-      {"f90001", Value(5.960464477539063e-8f), false}, {"f90400", Value(0.00006103515625f), false},
-      {"f9c400", Value(-4.0f), false}, {"fbc010666666666666", Value(-4.1), true},
-      {"f97c00", Value(kInf), false}, {"f9fc00", Value(-kInf), false},
-      {"fa7f800000", Value(kInf), true}, {"faff800000", Value(-kInf), true},
-      {"fb7ff0000000000000", Value(kInfD), true}, {"fbfff0000000000000", Value(-kInfD), true},
+      {"3863", Value(99u), false}, {"3903e7", Value(999u), false},
+      // Half and single floats become 32-bit floats, doubles stay doubles (libcbor
+      // reads the half floats; the NaNs and signed zero follow).
+      {"f93e00", Value(1.5f), false}, {"fa47c35000", Value(100000.0f), true},
+      {"fa7f7fffff", Value(3.4028234663852886e+38f), true}, {"fa7f800000", Value(kInf), true},
+      {"fb3ff199999999999a", Value(1.1), true}, {"fb7ff0000000000000", Value(kInfD), true},
       {"f4", Value(false), true}, {"f5", Value(true), true},
       {"f0", Value(SimpleValue{16}), true}, {"f8ff", Value(SimpleValue{255}), true},
       {"40", Value(Bytes{}), true}, {"4401020304", Value(Bytes{1, 2, 3, 4}), true},
-      {"60", Value(""), true}, {"6161", Value("a"), true}, {"6449455446", Value("IETF"), true},
-      {"62225c", Value("\"\\"), true}, {"62c3bc", Value("\u00fc"), true},
-      {"63e6b0b4", Value("\u6c34"), true}, {"64f0908591", Value("\U00010151"), true},
+      {"60", Value(""), true}, {"6449455446", Value("IETF"), true}, {"64f0908591", Value("\U00010151"), true},
       {"80", Value(ValueArray{}), true}, {"83010203", Value(oneTo(3)), true},
       {"8301820203820405", nested, true},
       {"98190102030405060708090a0b0c0d0e0f101112131415161718181819", Value(oneTo(25)), true},
       {"a0", Value(ValueMap{}), true}, {"a201020304", Value(ValueMap{{1u, 2u}, {3u, 4u}}), true},
       {"a26161016162820203", Value(ValueMap{{"a", 1u}, {"b", ValueArray{2u, 3u}}}), true},
       {"826161a161626163", Value(ValueArray{"a", ValueMap{{"b", "c"}}}), true},
-      {"a56161614161626142616361436164614461656145",
-       Value(ValueMap{{"a", "A"}, {"b", "B"}, {"c", "C"}, {"d", "D"}, {"e", "E"}}), true},
       // Indefinite lengths decode to the definite value.
       {"5f42010243030405ff", Value(Bytes{1, 2, 3, 4, 5}), false},
       {"7f657374726561646d696e67ff", Value("streaming"), false}, {"9fff", Value(ValueArray{}), false},
-      {"9f018202039f0405ffff", nested, false}, {"9f01820203820405ff", nested, false},
-      {"83018202039f0405ff", nested, false}, {"83019f0203ff820405", nested, false},
-      {"9f0102030405060708090a0b0c0d0e0f101112131415161718181819ff", Value(oneTo(25)), false},
+      {"9f018202039f0405ffff", nested, false}, {"83019f0203ff820405", nested, false},
       {"bf61610161629f0203ffff", Value(ValueMap{{"a", 1u}, {"b", ValueArray{2u, 3u}}}), false},
       {"826161bf61626163ff", Value(ValueArray{"a", ValueMap{{"b", "c"}}}), false},
-      {"bf6346756ef563416d7421ff", Value(ValueMap{{"Fun", true}, {"Amt", 1u}}), false},
+      // Bignums, tags, null and undefined stay unconverted items and encode as they came.
+      {"c249010000000000000000", item(K::Tag, 2, "c249010000000000000000"), true},
+      {"f6", item(K::Null, 0, "f6"), true}, {"f7", item(K::Undefined, 0, "f7"), true},
+      {"c11a514b67b0", item(K::Tag, 1, "c11a514b67b0"), true},
+      {"d818456449455446", item(K::Tag, 24, "d818456449455446"), true},
   };
   for (const auto& v : vectors) {
     SCOPED_TRACE(v.hex);
@@ -88,25 +81,6 @@ TEST(CborCodecTest, DecodesTheRfcAppendixAVectorsAsNativeValues) {
     if (v.reencodes) {
       EXPECT_EQ(encode(*decoded), hex(v.hex));
     }
-  }
-  // Bignums, tags, null and undefined stay unconverted items and encode as they came.
-  using K = CborItem::Kind;
-  const struct {
-    const char* hex;
-    K kind;
-    std::uint64_t tag;
-  } items[] = {
-      {"c249010000000000000000", K::Tag, 2}, {"c349010000000000000000", K::Tag, 3}, {"f6", K::Null, 0},
-      {"f7", K::Undefined, 0}, {"c074323031332d30332d32315432303a30343a30305a", K::Tag, 0},
-      {"c11a514b67b0", K::Tag, 1}, {"c1fb41d452d9ec200000", K::Tag, 1}, {"d74401020304", K::Tag, 23},
-      {"d818456449455446", K::Tag, 24}, {"d82076687474703a2f2f7777772e6578616d706c652e636f6d", K::Tag, 32},
-  };
-  for (const auto& i : items) {
-    SCOPED_TRACE(i.hex);
-    const auto decoded = decode(hex(i.hex));
-    ASSERT_TRUE(decoded.has_value());
-    EXPECT_EQ(*decoded, item(i.kind, i.tag, i.hex)) << decoded->debugString();
-    EXPECT_EQ(encode(*decoded), hex(i.hex));
   }
 }
 
@@ -125,6 +99,8 @@ TEST(CborCodecTest, NaNsAndSignedZeroKeepTheirKind) {
   EXPECT_TRUE(std::signbit(*negativeZero->asFloat()));
 }
 
+// Keys that cannot be map keys are reported as fatal, which stops the process
+// (shown in the socket's tests), but only in a message well-formed as a whole.
 TEST(CborCodecTest, MalformedOrHostileInputDecodesToNothing) {
   std::string deepHex;
   for (std::size_t i = 0; i < kMaxDepth + 1; ++i) deepHex += "81";
@@ -132,6 +108,7 @@ TEST(CborCodecTest, MalformedOrHostileInputDecodesToNothing) {
   const struct {
     const char* what;
     std::string hex;
+    std::optional<std::string> fatal = std::nullopt;
   } cases[] = {
       {"empty", ""}, {"truncated integer", "18"}, {"reserved additional information", "1c"},
       {"array declaring 2^64-1 elements", "9bffffffffffffffff00"},
@@ -148,10 +125,19 @@ TEST(CborCodecTest, MalformedOrHostileInputDecodesToNothing) {
       {"nesting deeper than the limit", deepHex},
       {"an empty array beyond the limit", deepHex.substr(0, 2 * kMaxDepth) + "80"},
       {"an empty map beyond the limit", deepHex.substr(0, 2 * kMaxDepth) + "a0"},
+      {"1 and -2 both convert to 1", "a201012102", "Duplicate values for key: '1'"},
+      {"the same text key twice", "a2616101616102", "Duplicate values for key: 'a'"},
+      {"an array as key", "a1810102", "Map key cannot be an array or a map: [1u]"},
+      {"a map as key, nested", "81a1a0f5", "Map key cannot be an array or a map: {}"},
+      {"a duplicate in a large map", "aa6130006131006132006133006134006135006136006137006138006130f5",
+       "Duplicate values for key: '0'"},
+      {"a duplicate key in a message that is not well-formed", "a201012102ff"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
-    EXPECT_FALSE(decode(hex(c.hex)).has_value());
+    const auto result = decodeChecked(hex(c.hex));
+    EXPECT_FALSE(result.value);
+    EXPECT_EQ(result.fatalMessage, c.fatal);
   }
   // The limit itself is fine.
   std::string limitHex;
@@ -182,33 +168,7 @@ TEST(CborCodecTest, DecodingMemoryIsBoundedByTheMessageSize) {
   EXPECT_EQ(few->asArray()->size(), 4096u);
 }
 
-// That decoding such a message stops the process shows in the socket's tests.
-TEST(CborCodecTest, KeysThatCannotBeMapKeysAreReportedAsFatal) {
-  const struct {
-    const char* what;
-    const char* hex;
-    const char* message;
-  } cases[] = {
-      {"1 and -2 both convert to 1", "a201012102", "Duplicate values for key: '1'"},
-      {"the same text key twice", "a2616101616102", "Duplicate values for key: 'a'"},
-      {"an array as key", "a1810102", "Map key cannot be an array or a map: [1u]"},
-      {"a map as key, nested", "81a1a0f5", "Map key cannot be an array or a map: {}"},
-      {"a duplicate in a large map",
-       "aa6130006131006132006133006134006135006136006137006138006130f5",
-       "Duplicate values for key: '0'"},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    auto result = decodeChecked(hex(c.hex));
-    EXPECT_FALSE(result.value);
-    EXPECT_EQ(result.fatalMessage, c.message);
-  }
-  // Only a message that is well-formed as a whole gets that far.
-  auto broken = decodeChecked(hex("a201012102ff"));
-  EXPECT_FALSE(broken.value);
-  EXPECT_FALSE(broken.fatalMessage);
-}
-
+// Kinds only this side makes; the others re-encode among the vectors above.
 TEST(CborCodecTest, EncodesEachNativeKind) {
   const struct {
     const char* what;
@@ -219,11 +179,6 @@ TEST(CborCodecTest, EncodesEachNativeKind) {
       {"negative int64", Value(std::int64_t{-5}), "24"},
       {"smallest int64", Value(std::numeric_limits<std::int64_t>::min()), "3b7fffffffffffffff"},
       {"positive int64", Value(std::int64_t{500}), "1901f4"},
-      {"float as single", Value(1.5f), "fa3fc00000"},
-      {"double", Value(1.5), "fb3ff8000000000000"},
-      {"simple value", Value(SimpleValue{32}), "f820"},
-      {"map with non-text keys", Value(ValueMap{{1u, Value()}}), "a101f6"},
-      {"unconverted item", item(CborItem::Kind::Tag, 1, "c11a514b67b0"), "c11a514b67b0"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);
