@@ -158,8 +158,8 @@ class ServiceServerTest : public ::testing::Test {
   std::string id_;
 };
 
+// The socket URLs the session names show in the cases that connect to them.
 TEST_F(ServiceServerTest, AnswersTheSessionResourceWithStatusesAndMessages) {
-  // The socket URLs, with the service's own address, are what the socket cases connect to.
   const std::string code = text(session_, "code");
 
   // By id and by code.
