@@ -85,7 +85,8 @@ std::ptrdiff_t offsetOf(const platform::PixelBuffer& picture, int x, int y) {
 // reads it.
 void copyRect(const std::uint8_t* from, std::size_t fromStride, int width, int height, std::uint8_t* to,
               std::size_t toStride) {
-  for (int y = 0; y < height; ++y) std::memcpy(to + y * toStride, from + y * fromStride, static_cast<std::size_t>(width) * 4);
+  const auto rowBytes = static_cast<std::size_t>(width) * 4;
+  for (int y = 0; y < height; ++y) std::memcpy(to + y * toStride, from + y * fromStride, rowBytes);
 }
 
 }  // namespace
@@ -223,7 +224,9 @@ void X11ScreenSource::allocate(int width, int height) {
     allocate = [this](std::size_t bytes) {
       std::uint32_t segment = 0;
       auto memory = attachSegment(bytes, &segment);
-      if (!memory) return std::shared_ptr<std::uint8_t>(new std::uint8_t[bytes](), std::default_delete<std::uint8_t[]>());
+      if (!memory) {
+        return std::shared_ptr<std::uint8_t>(new std::uint8_t[bytes](), std::default_delete<std::uint8_t[]>());
+      }
       segments_[memory.get()] = segment;
       return memory;
     };
@@ -353,7 +356,8 @@ X11ScreenSource::Delivered X11ScreenSource::sample() {
     if (!damage_ && newest_) {
       bool same = true;
       for (int y = 0; same && y < height_; ++y) {
-        same = std::memcmp(picture->plane(0) + offsetOf(*picture, 0, y), newest_->plane(0) + offsetOf(*newest_, 0, y), static_cast<std::size_t>(width_) * 4) == 0;
+        same = std::memcmp(picture->plane(0) + offsetOf(*picture, 0, y), newest_->plane(0) + offsetOf(*newest_, 0, y),
+                           static_cast<std::size_t>(width_) * 4) == 0;
       }
       if (same) {
         lacks = {};

@@ -44,8 +44,8 @@ bool isUpperCaseUuid(const std::string& id) {
   for (std::size_t i = 0; i < form.size(); ++i) {
     const char c = id[i];
     const bool hex = (c >= '0' && c <= '9') || (c >= 'A' && c <= 'F');
-    if (form[i] == 'x' ? !hex : form[i] == 'y' ? std::string_view("89AB").find(c) == std::string_view::npos : c != form[i])
-      return false;
+    const bool variant = std::string_view("89AB").find(c) != std::string_view::npos;
+    if (form[i] == 'x' ? !hex : form[i] == 'y' ? !variant : c != form[i]) return false;
   }
   return true;
 }

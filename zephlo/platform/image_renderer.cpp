@@ -311,7 +311,9 @@ class BgraShrinker {
       const std::uint8_t* top = in.plane(0) + static_cast<std::ptrdiff_t>(y) * in.stride(0);
       const std::uint8_t* bottom = y + 1 < in.height() ? top + in.stride(0) : nullptr;
       writePixelLuma(top, in.width(), out.data[0] + static_cast<std::ptrdiff_t>(2 * cy) * out.stride[0]);
-      if (bottom) writePixelLuma(bottom, in.width(), out.data[0] + static_cast<std::ptrdiff_t>(2 * cy + 1) * out.stride[0]);
+      if (bottom) {
+        writePixelLuma(bottom, in.width(), out.data[0] + static_cast<std::ptrdiff_t>(2 * cy + 1) * out.stride[0]);
+      }
       writePixelChroma(top, bottom, in.width(), out.data[1] + static_cast<std::ptrdiff_t>(cy) * out.stride[1],
                        out.data[2] + static_cast<std::ptrdiff_t>(cy) * out.stride[2]);
     }
