@@ -11,18 +11,20 @@ namespace {
 constexpr int kOne = 1 << 16;
 constexpr int fix(double v) { return static_cast<int>(v * kOne + (v < 0 ? -0.5 : 0.5)); }
 std::uint8_t clip(int v) { return static_cast<std::uint8_t>(std::clamp(v, 0, 255)); }
-}  // namespace
 
-void convertBgraToNv12(const std::uint8_t* bgra, int stride, int width, int height, platform::PixelBuffer& nv12) {
+// `height` rows of `width` pixels into planes whose first luma row is `lumaOut`
+// and first Cb/Cr row `chromaOut`.
+void convertBgraToNv12(const std::uint8_t* bgra, int stride, int width, int height, std::uint8_t* lumaOut,
+                       int lumaStride, std::uint8_t* chromaOut, int chromaStride) {
   for (int y = 0; y < height; ++y) {
     const std::uint8_t* in = bgra + static_cast<std::ptrdiff_t>(y) * stride;
-    std::uint8_t* luma = nv12.mutablePlane(0) + static_cast<std::ptrdiff_t>(y) * nv12.stride(0);
+    std::uint8_t* luma = lumaOut + static_cast<std::ptrdiff_t>(y) * lumaStride;
     for (int x = 0; x < width; ++x) {
       luma[x] = clip((fix(0.299) * in[4 * x + 2] + fix(0.587) * in[4 * x + 1] + fix(0.114) * in[4 * x] + kOne / 2) >> 16);
     }
   }
   for (int cy = 0; cy < (height + 1) / 2; ++cy) {
-    std::uint8_t* chroma = nv12.mutablePlane(1) + static_cast<std::ptrdiff_t>(cy) * nv12.stride(1);
+    std::uint8_t* chroma = chromaOut + static_cast<std::ptrdiff_t>(cy) * chromaStride;
     const int y0 = 2 * cy, y1 = std::min(2 * cy + 1, height - 1);
     const std::uint8_t* r0 = bgra + static_cast<std::ptrdiff_t>(y0) * stride;
     const std::uint8_t* r1 = bgra + static_cast<std::ptrdiff_t>(y1) * stride;
@@ -36,6 +38,21 @@ void convertBgraToNv12(const std::uint8_t* bgra, int stride, int width, int heig
       chroma[2 * cx + 1] = clip(((fix(0.5) * r + fix(-0.418688) * g + fix(-0.081312) * b) / 4 + 128 * kOne + kOne / 2) >> 16);
     }
   }
+}
+
+}  // namespace
+
+void convertBgraToNv12(const std::uint8_t* bgra, int stride, int width, int height, platform::PixelBuffer& nv12) {
+  convertBgraToNv12(bgra, stride, width, height, nv12.mutablePlane(0), nv12.stride(0), nv12.mutablePlane(1),
+                    nv12.stride(1));
+}
+
+void convertBgraRectToNv12(const std::uint8_t* bgra, int stride, int x, int y, int width, int height,
+                           platform::PixelBuffer& nv12) {
+  convertBgraToNv12(bgra + static_cast<std::ptrdiff_t>(y) * stride + static_cast<std::ptrdiff_t>(x) * 4, stride, width,
+                    height, nv12.mutablePlane(0) + static_cast<std::ptrdiff_t>(y) * nv12.stride(0) + x,
+                    nv12.stride(0), nv12.mutablePlane(1) + static_cast<std::ptrdiff_t>(y / 2) * nv12.stride(1) + x,
+                    nv12.stride(1));
 }
 
 void copyBgra(const std::uint8_t* bgra, int stride, int width, int height, platform::PixelBuffer& out) {

@@ -13,6 +13,11 @@ namespace zephlo {
 // `bgra` points at the first of `height` rows of `width` BGRA pixels, `stride`
 // bytes apart. `nv12` must be NV12 and at least that large.
 void convertBgraToNv12(const std::uint8_t* bgra, int stride, int width, int height, platform::PixelBuffer& nv12);
+// The same for the rectangle at (`x`, `y`), both even, of the picture whose
+// first row `bgra` points at, into the same place of `nv12`; its width and
+// height are even unless it reaches the picture's right or bottom edge.
+void convertBgraRectToNv12(const std::uint8_t* bgra, int stride, int x, int y, int width, int height,
+                           platform::PixelBuffer& nv12);
 
 // Copies `height` rows of `width` BGRA pixels into the BGRA buffer `out`.
 void copyBgra(const std::uint8_t* bgra, int stride, int width, int height, platform::PixelBuffer& out);

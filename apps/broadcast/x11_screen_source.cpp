@@ -349,7 +349,8 @@ X11ScreenSource::Delivered X11ScreenSource::sample() {
   Changes& lacks = entry->second;
   const std::vector<Rect> whole{{0, 0, width_, height_}};
   std::int64_t area = 0;
-  if (lacks.whole || changes.whole) {
+  const bool readWhole = lacks.whole || changes.whole;
+  if (readWhole) {
     fetchInto(whole, *picture);
     area = static_cast<std::int64_t>(width_) * height_;
     // Polling: a screen like the newest picture is no sample.
@@ -376,17 +377,36 @@ X11ScreenSource::Delivered X11ScreenSource::sample() {
     for (const auto& rect : changes.rects) area += static_cast<std::int64_t>(rect.width) * rect.height;
   }
   // A whole screen read fresh may also hold changes whose damage is yet to come
-  // (they are added then) or never comes (the band check finds those in
-  // whichever picture is the newest then).
-  for (auto& [other, otherLacks] : stale_) otherLacks.add(changes, width_, height_);
+  // (they are added then) or never comes: the band check finds those in
+  // whichever picture is the newest then, and NV12 buffers are converted whole
+  // from this one.
+  for (auto& [other, otherLacks] : stale_) {
+    if (readWhole && other->format() == platform::PixelFormat::NV12) {
+      otherLacks = {{}, true};
+    } else {
+      otherLacks.add(changes, width_, height_);
+    }
+  }
   lacks = {};
   newest_ = picture;
   if (nv12) {
-    convertBgraToNv12(picture->plane(0), picture->stride(0), width_, height_, *nv12);
+    // Like a picture, an NV12 buffer lacks what changed since it was last
+    // filled, converted from the newest picture in blocks of 2x2 pixels.
+    const auto entry = stale_.try_emplace(nv12.get(), Changes{{}, true}).first;
+    std::int64_t converted = 0;
+    for (const auto& rect : entry->second.whole ? whole : entry->second.rects) {
+      const int x = rect.x & ~1, y = rect.y & ~1;
+      const int right = std::min((rect.x + rect.width + 1) & ~1, width_);
+      const int bottom = std::min((rect.y + rect.height + 1) & ~1, height_);
+      convertBgraRectToNv12(picture->plane(0), picture->stride(0), x, y, right - x, bottom - y, *nv12);
+      converted += static_cast<std::int64_t>(right - x) * (bottom - y);
+    }
+    entry->second = {};
+    area = std::max(area, converted);
     sink_(platform::SampleBuffer(std::move(nv12), orientation_));
-    return Delivered::WholeScreen;
+  } else {
+    sink_(platform::SampleBuffer(std::move(picture), orientation_));
   }
-  sink_(platform::SampleBuffer(std::move(picture), orientation_));
   return 2 * area > static_cast<std::int64_t>(width_) * height_ ? Delivered::WholeScreen : Delivered::Changes;
 }
 

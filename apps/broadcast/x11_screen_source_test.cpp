@@ -12,6 +12,7 @@
 #include "apps/broadcast/broadcast_host.hpp"
 #include "apps/broadcast/canvas.hpp"
 #include "apps/broadcast/child_process.hpp"
+#include "apps/broadcast/pixel_conversion.hpp"
 #include "zephlo/testing/sample_recorder.hpp"
 
 namespace zephlo {
@@ -158,6 +159,46 @@ TEST_F(X11ScreenSourceTest, TakesTheScaleFromXftDpiAndEndsWhenTheDisplayGoes) {
   server_.reset();
   EXPECT_EQ(samples.waitForEnd(), "The X11 display went away");
   hidpi->stop();  // before `samples` goes
+}
+
+// NV12 samples are converted only where the screen changed, yet each is the
+// whole screen converted, as from the BGRA sample of the same screen: at odd
+// places and sizes, up to the bottom right corner of an odd-sized screen, with
+// both pooled buffers reused.
+TEST_F(X11ScreenSourceTest, Nv12SamplesAreTheWholeScreenConverted) {
+  startServer({}, "331x241");
+  std::string error;
+  auto bgra = X11ScreenSource::open(display_, platform::PixelFormat::BGRA, 1, 30, &error);
+  auto nv12 = X11ScreenSource::open(display_, platform::PixelFormat::NV12, 1, 30, &error);
+  ASSERT_TRUE(bgra && nv12) << error;
+  testing::SampleRecorder bgraSamples, nv12Samples;
+  bgraSamples.listenTo(*bgra);
+  nv12Samples.listenTo(*nv12);
+  const auto same = [](const platform::PixelBuffer& a, const platform::PixelBuffer& b) {
+    for (int p = 0; p < 2; ++p) {
+      const auto rowBytes = static_cast<std::size_t>(p == 0 ? a.width() : 2 * a.planeWidth(1));
+      for (int y = 0; y < a.planeHeight(p); ++y) {
+        if (std::memcmp(a.plane(p) + y * a.stride(p), b.plane(p) + y * b.stride(p), rowBytes) != 0) return false;
+      }
+    }
+    return true;
+  };
+  for (const auto& [x, y, width, height, rgb] : {std::tuple{0, 0, 331, 241, 0x203040}, {101, 81, 21, 11, 0xff0000},
+                                                 {7, 200, 3, 3, 0x00ff00}, {320, 230, 11, 11, 0x0000ff},
+                                                 {150, 3, 41, 5, 0xffff00}}) {
+    SCOPED_TRACE(::testing::Message() << "after the fill at " << x << "," << y);
+    fill(x, y, width, height, static_cast<std::uint32_t>(rgb));
+    const Rgb colour{static_cast<std::uint8_t>(rgb >> 16), static_cast<std::uint8_t>(rgb >> 8),
+                     static_cast<std::uint8_t>(rgb)};
+    auto screen = bgraSamples.waitForSampleThat(
+        1, [&](const auto& s) { return colourAt(s, x + width - 1, y + height - 1) == colour; });
+    ASSERT_TRUE(screen);
+    auto expected = platform::PixelBuffer::create(platform::PixelFormat::NV12, 331, 241);
+    convertBgraToNv12(screen->imageBuffer()->plane(0), screen->imageBuffer()->stride(0), 331, 241, *expected);
+    EXPECT_TRUE(nv12Samples.waitForSampleThat(1, [&](const auto& s) { return same(*s.imageBuffer(), *expected); }));
+  }
+  bgra->stop();  // before the recorders go
+  nv12->stop();
 }
 
 // A change the server reports no damage for (written straight into its screen
