@@ -13,8 +13,7 @@ std::shared_ptr<platform::PixelBuffer> PixelBufferPool::acquire() {
     if (buffer.use_count() == 1) return buffer;
   }
   if (buffers_.size() >= limit_) return nullptr;
-  auto buffer = allocate_ ? platform::PixelBuffer::create(format_, width_, height_, allocate_)
-                         : platform::PixelBuffer::create(format_, width_, height_);
+  auto buffer = platform::PixelBuffer::create(format_, width_, height_, allocate_);
   if (buffer) buffers_.push_back(buffer);
   return buffer;
 }

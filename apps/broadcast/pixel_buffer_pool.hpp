@@ -22,10 +22,10 @@ namespace zephlo {
 class PixelBufferPool {
  public:
   // At most `limit` buffers are made; a producer that can wait for one to come
-  // back sets it. Their memory comes from `allocate` where one is given.
+  // back sets it. Their memory comes from `allocate`.
   PixelBufferPool(platform::PixelFormat format, int width, int height,
                   std::size_t limit = std::numeric_limits<std::size_t>::max(),
-                  platform::PixelBuffer::Allocator allocate = nullptr);
+                  platform::PixelBuffer::Allocator allocate = platform::PixelBuffer::ownMemory);
   PixelBufferPool(const PixelBufferPool&) = delete;
   PixelBufferPool& operator=(const PixelBufferPool&) = delete;
 

@@ -89,6 +89,17 @@ void copyRect(const std::uint8_t* from, std::size_t fromStride, int width, int h
   for (int y = 0; y < height; ++y) std::memcpy(to + y * toStride, from + y * fromStride, rowBytes);
 }
 
+// Whether two rectangles `width` x `height` of BGRA pixels, laid out as for
+// copyRect, hold the same pixels.
+bool sameRect(const std::uint8_t* a, std::size_t aStride, const std::uint8_t* b, std::size_t bStride, int width,
+              int height) {
+  const auto rowBytes = static_cast<std::size_t>(width) * 4;
+  for (int y = 0; y < height; ++y) {
+    if (std::memcmp(a + y * aStride, b + y * bStride, rowBytes) != 0) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 std::unique_ptr<X11ScreenSource> X11ScreenSource::open(const std::string& display, platform::PixelFormat format,
@@ -217,16 +228,14 @@ void X11ScreenSource::allocate(int width, int height) {
     scratch_ = attachSegment(scratchBytes_, &scratchSegment_);
     useShm_ = scratch_ != nullptr;
   }
-  platform::PixelBuffer::Allocator allocate;
+  platform::PixelBuffer::Allocator allocate = platform::PixelBuffer::ownMemory;
   if (useShm_) {
     // Called on the source's thread, by the pool; plain memory where the server
     // cannot attach another segment (the picture is then filled through the scratch).
     allocate = [this](std::size_t bytes) {
       std::uint32_t segment = 0;
       auto memory = attachSegment(bytes, &segment);
-      if (!memory) {
-        return std::shared_ptr<std::uint8_t>(new std::uint8_t[bytes](), std::default_delete<std::uint8_t[]>());
-      }
+      if (!memory) return platform::PixelBuffer::ownMemory(bytes);
       segments_[memory.get()] = segment;
       return memory;
     };
@@ -331,9 +340,7 @@ X11ScreenSource::Changes X11ScreenSource::takeChanges() {
   changes.add(missed_, width_, height_);
   missed_ = {};
   // Many or large rectangles: one request for the whole screen costs less.
-  std::int64_t area = 0;
-  for (const auto& rect : changes.rects) area += static_cast<std::int64_t>(rect.width) * rect.height;
-  if (changes.rects.size() > 32 || 2 * area > static_cast<std::int64_t>(width_) * height_) changes = {{}, true};
+  if (changes.rects.size() > 32 || mostOfScreen(changes.area(width_, height_))) changes = {{}, true};
   return changes;
 }
 
@@ -348,22 +355,17 @@ X11ScreenSource::Delivered X11ScreenSource::sample() {
   auto [entry, isNew] = stale_.try_emplace(picture.get(), Changes{{}, true});
   Changes& lacks = entry->second;
   const std::vector<Rect> whole{{0, 0, width_, height_}};
-  std::int64_t area = 0;
   const bool readWhole = lacks.whole || changes.whole;
+  std::int64_t area = readWhole ? static_cast<std::int64_t>(width_) * height_
+                                : lacks.area(width_, height_) + changes.area(width_, height_);
   if (readWhole) {
     fetchInto(whole, *picture);
-    area = static_cast<std::int64_t>(width_) * height_;
     // Polling: a screen like the newest picture is no sample.
-    if (!damage_ && newest_) {
-      bool same = true;
-      for (int y = 0; same && y < height_; ++y) {
-        same = std::memcmp(picture->plane(0) + offsetOf(*picture, 0, y), newest_->plane(0) + offsetOf(*newest_, 0, y),
-                           static_cast<std::size_t>(width_) * 4) == 0;
-      }
-      if (same) {
-        lacks = {};
-        return Delivered::Nothing;
-      }
+    if (!damage_ && newest_ &&
+        sameRect(picture->plane(0), static_cast<std::size_t>(picture->stride(0)), newest_->plane(0),
+                 static_cast<std::size_t>(newest_->stride(0)), width_, height_)) {
+      lacks = {};
+      return Delivered::Nothing;
     }
   } else {
     // What changed since the picture last held the screen is in the newest one.
@@ -371,10 +373,8 @@ X11ScreenSource::Delivered X11ScreenSource::sample() {
       copyRect(newest_->plane(0) + offsetOf(*newest_, rect.x, rect.y), static_cast<std::size_t>(newest_->stride(0)),
                rect.width, rect.height, picture->mutablePlane(0) + offsetOf(*picture, rect.x, rect.y),
                static_cast<std::size_t>(picture->stride(0)));
-      area += static_cast<std::int64_t>(rect.width) * rect.height;
     }
     fetchInto(changes.rects, *picture);
-    for (const auto& rect : changes.rects) area += static_cast<std::int64_t>(rect.width) * rect.height;
   }
   // A whole screen read fresh may also hold changes whose damage is yet to come
   // (they are added then) or never comes: the band check finds those in
@@ -407,7 +407,7 @@ X11ScreenSource::Delivered X11ScreenSource::sample() {
   } else {
     sink_(platform::SampleBuffer(std::move(picture), orientation_));
   }
-  return 2 * area > static_cast<std::int64_t>(width_) * height_ ? Delivered::WholeScreen : Delivered::Changes;
+  return mostOfScreen(area) ? Delivered::WholeScreen : Delivered::Changes;
 }
 
 void X11ScreenSource::checkBand() {
@@ -417,13 +417,10 @@ void X11ScreenSource::checkBand() {
   const Rect band{0, checkedRow_, width_, std::min(rows, height_ - checkedRow_)};
   checkedRow_ += rows;
   fetch({band}, [&](const Rect& rect, const std::uint8_t* pixels) {
-    const std::size_t rowBytes = static_cast<std::size_t>(rect.width) * 4;
-    for (int y = 0; y < rect.height; ++y) {
-      if (std::memcmp(newest_->plane(0) + offsetOf(*newest_, 0, rect.y + y), pixels + y * rowBytes, rowBytes) != 0) {
-        missed_.add(band, width_, height_);
-        damaged_ = true;
-        return;
-      }
+    if (!sameRect(newest_->plane(0) + offsetOf(*newest_, rect.x, rect.y), static_cast<std::size_t>(newest_->stride(0)),
+                  pixels, static_cast<std::size_t>(rect.width) * 4, rect.width, rect.height)) {
+      missed_.add(band, width_, height_);
+      damaged_ = true;
     }
   });
 }
@@ -509,6 +506,13 @@ void X11ScreenSource::Changes::add(const Rect& rect, int width, int height) {
 void X11ScreenSource::Changes::add(const Changes& more, int width, int height) {
   if (more.whole) *this = more;
   for (const auto& rect : more.rects) add(rect, width, height);
+}
+
+std::int64_t X11ScreenSource::Changes::area(int width, int height) const {
+  if (whole) return static_cast<std::int64_t>(width) * height;
+  std::int64_t total = 0;
+  for (const auto& rect : rects) total += static_cast<std::int64_t>(rect.width) * rect.height;
+  return total;
 }
 
 }  // namespace zephlo

@@ -70,7 +70,11 @@ class X11ScreenSource : public ScreenSource {
     bool whole = false;
     void add(const Rect& rect, int width, int height);
     void add(const Changes& more, int width, int height);
+    // Pixels covered (overlaps counted twice), of a screen `width` x `height`.
+    std::int64_t area(int width, int height) const;
   };
+  // Whether `area` pixels are most of the screen.
+  bool mostOfScreen(std::int64_t area) const { return 2 * area > static_cast<std::int64_t>(width_) * height_; }
 
   X11ScreenSource(xcb_connection_t* connection, std::uint32_t root, platform::PixelFormat format,
                   std::int64_t orientation, double sampleRate);

@@ -193,6 +193,13 @@ struct JfifWeights {
         crr(fixedWeight(0.5, area)),
         crg(fixedWeight(-0.418688, area)),
         crb(fixedWeight(-0.081312, area)) {}
+  // Cb and Cr from sums of B, G and R over `area` samples.
+  std::uint8_t cb(std::int32_t b, std::int32_t g, std::int32_t r) const {
+    return fixedToByte(cbr * r + cbg * g + cbb * b + kFixedChromaOffset);
+  }
+  std::uint8_t cr(std::int32_t b, std::int32_t g, std::int32_t r) const {
+    return fixedToByte(crr * r + crg * g + crb * b + kFixedChromaOffset);
+  }
 };
 
 // Box-shrinks NV12 by k into 4:2:0 planes: each plane's blocks averaged. Writes
@@ -282,8 +289,8 @@ class BgraShrinker {
         const auto b = static_cast<std::int32_t>(b0[2 * x] + b0[2 * x + 1] + b1[2 * x] + b1[2 * x + 1]);
         const auto g = static_cast<std::int32_t>(g0[2 * x] + g0[2 * x + 1] + g1[2 * x] + g1[2 * x + 1]);
         const auto r = static_cast<std::int32_t>(r0[2 * x] + r0[2 * x + 1] + r1[2 * x] + r1[2 * x + 1]);
-        cb[x] = fixedToByte(w.cbr * r + w.cbg * g + w.cbb * b + kFixedChromaOffset);
-        cr[x] = fixedToByte(w.crr * r + w.crg * g + w.crb * b + kFixedChromaOffset);
+        cb[x] = w.cb(b, g, r);
+        cr[x] = w.cr(b, g, r);
       }
     }
     for (int x = fast; x < width; ++x) {
@@ -298,8 +305,8 @@ class BgraShrinker {
         }
       }
       const JfifWeights w(area);
-      cb[x] = fixedToByte(w.cbr * r + w.cbg * g + w.cbb * b + kFixedChromaOffset);
-      cr[x] = fixedToByte(w.crr * r + w.crg * g + w.crb * b + kFixedChromaOffset);
+      cb[x] = w.cb(b, g, r);
+      cr[x] = w.cr(b, g, r);
     }
   }
 
@@ -342,8 +349,8 @@ class BgraShrinker {
         const std::int32_t b = t[0] + t[4] + u[0] + u[4];
         const std::int32_t g = t[1] + t[5] + u[1] + u[5];
         const std::int32_t r = t[2] + t[6] + u[2] + u[6];
-        cb[x] = fixedToByte(w.cbr * r + w.cbg * g + w.cbb * b + kFixedChromaOffset);
-        cr[x] = fixedToByte(w.crr * r + w.crg * g + w.crb * b + kFixedChromaOffset);
+        cb[x] = w.cb(b, g, r);
+        cr[x] = w.cr(b, g, r);
       }
     }
     for (; x < (width + 1) / 2; ++x) {
@@ -357,8 +364,8 @@ class BgraShrinker {
         }
       }
       const JfifWeights w(area);
-      cb[x] = fixedToByte(w.cbr * r + w.cbg * g + w.cbb * b + kFixedChromaOffset);
-      cr[x] = fixedToByte(w.crr * r + w.crg * g + w.crb * b + kFixedChromaOffset);
+      cb[x] = w.cb(b, g, r);
+      cr[x] = w.cr(b, g, r);
     }
   }
 

@@ -11,10 +11,8 @@ int alignRow(int bytes) { return (bytes + kRowAlignment - 1) / kRowAlignment * k
 std::uint8_t toByte(double v) { return static_cast<std::uint8_t>(std::clamp(v + 0.5, 0.0, 255.0)); }
 }  // namespace
 
-std::shared_ptr<PixelBuffer> PixelBuffer::create(PixelFormat format, int width, int height) {
-  return create(format, width, height, [](std::size_t bytes) {
-    return std::shared_ptr<std::uint8_t>(new std::uint8_t[bytes](), std::default_delete<std::uint8_t[]>());
-  });
+std::shared_ptr<std::uint8_t> PixelBuffer::ownMemory(std::size_t bytes) {
+  return std::shared_ptr<std::uint8_t>(new std::uint8_t[bytes](), std::default_delete<std::uint8_t[]>());
 }
 
 std::shared_ptr<PixelBuffer> PixelBuffer::create(PixelFormat format, int width, int height,

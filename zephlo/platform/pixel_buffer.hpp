@@ -30,12 +30,14 @@ class PixelBuffer {
   // Memory for a buffer's planes, `bytes` long and zero-filled; what it returns
   // owns the memory and is kept until the buffer goes. Null when there is none.
   using Allocator = std::function<std::shared_ptr<std::uint8_t>(std::size_t bytes)>;
+  // The process's own memory, where buffers are made unless told otherwise.
+  static std::shared_ptr<std::uint8_t> ownMemory(std::size_t bytes);
 
-  // A zero-filled buffer, or null when the size is not positive or too large.
-  static std::shared_ptr<PixelBuffer> create(PixelFormat format, int width, int height);
-  // The same in memory from `allocate` (shared memory that another process
-  // writes a picture into, say); null also when `allocate` gives none.
-  static std::shared_ptr<PixelBuffer> create(PixelFormat format, int width, int height, const Allocator& allocate);
+  // A zero-filled buffer in memory from `allocate` (shared memory that another
+  // process writes a picture into, say); null when the size is not positive or
+  // too large, or when `allocate` gives none.
+  static std::shared_ptr<PixelBuffer> create(PixelFormat format, int width, int height,
+                                             const Allocator& allocate = ownMemory);
   // An NV12 copy of a BGRA buffer (each Cb/Cr pair from the average colour of its
   // 2×2 pixels), for producers whose screen hands out BGRA; null when `bgra` is
   // not BGRA.
